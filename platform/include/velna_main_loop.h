@@ -1,0 +1,22 @@
+/* One main loop that dispatches GLib sources (default context) and ecore timers alike. */
+#ifndef VELNA_MAIN_LOOP_H
+#define VELNA_MAIN_LOOP_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Idempotent: ecore_app_no_system_modules(), ecore_init() and the select function that
+ * polls GLib's descriptors. 0, or -5 when ecore cannot be initialised. */
+int velna_main_loop_init(void);
+/* Initialises, registers the process as its VELNA_APP_ID when it has one, and runs
+ * until velna_main_loop_quit. Not reentrant. */
+int velna_main_loop_run(void);
+/* Flushes queued sends (for at most 2 s), then makes velna_main_loop_run return. */
+void velna_main_loop_quit(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
