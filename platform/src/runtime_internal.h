@@ -33,8 +33,15 @@ const char *velna_self_app_id(void);
 int velna_self_register(void);
 
 /* Records pid as the running instance of app_id (the launcher's registration). 0, -22,
- * -17 while another live process holds it, -5. */
+ * -17 while another live process holds it, -2 when pid is not a live process of ours, -5. */
 int running_registry_register(const char *app_id, pid_t pid);
+
+/* Takes the lock that serialises every claim of app_id (the launcher holds it across
+ * check, spawn and register). A descriptor for running_registry_unlock, or -22, -5. */
+int running_registry_lock(const char *app_id);
+void running_registry_unlock(int lock_fd);
+/* running_registry_register for a caller that already holds the app's lock. */
+int running_registry_register_locked(const char *app_id, pid_t pid);
 
 /* The live registered pid of app_id: 0 and *pid, or -2 when it does not run (records of
  * dead, zombie or reused pids do not count), -22 for an invalid id. */

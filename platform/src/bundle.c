@@ -1,0 +1,538 @@
+/* Bundle: entries in a doubly linked list (insertion order) with a hash index by key.
+ *
+ * Binary form (all integers little-endian u32):
+ *   magic "VBDL" (0x4C444256), version 1, entry count, then per entry:
+ *   type, key length, key bytes (no NUL), and
+ *     str / byte:   value length, value bytes (a string without its NUL)
+ *     str array:    element count, then per element: length, bytes
+ * The decoder checks every count and length against the bytes that remain before it
+ * allocates anything, and rejects unknown types, empty or NUL-holding keys, NUL bytes
+ * inside strings, duplicate keys and trailing bytes. */
+#include <bundle.h>
+
+#include <errno.h>
+#include <glib.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#define BUNDLE_MAGIC 0x4C444256u
+#define BUNDLE_VERSION 1u
+#define ENTRY_MIN_ENCODED 13u /* type, key length, one key byte, value length */
+
+struct keyval_t {
+        struct keyval_t *prev;
+        struct keyval_t *next;
+        char *key;
+        int type;
+        void *value;       /* basic types: the value (a string keeps its NUL) */
+        size_t size;       /* basic types: bytes of value, a string's NUL included */
+        char **items;      /* str array: count strings and a NULL */
+        size_t count;
+};
+
+struct _bundle_t {
+        struct keyval_t *head;
+        struct keyval_t *tail;
+        GHashTable *index; /* key (borrowed from the entry) -> entry */
+        int count;
+};
+
+/* A cursor over untrusted bytes. */
+typedef struct {
+        const unsigned char *p;
+        size_t left;
+} reader;
+
+static void entry_free(struct keyval_t *kv)
+{
+        if (!kv)
+                return;
+        for (size_t i = 0; kv->items && i < kv->count; i++)
+                free(kv->items[i]);
+        free(kv->items);
+        free(kv->value);
+        free(kv->key);
+        free(kv);
+}
+
+static bool key_is_valid(const char *key)
+{
+        return key && *key && strnlen(key, BUNDLE_KEY_MAX + 1) <= BUNDLE_KEY_MAX;
+}
+
+static struct keyval_t *entry_lookup(bundle *b, const char *key)
+{
+        return key ? g_hash_table_lookup(b->index, key) : NULL;
+}
+
+/* Takes kv; the caller has made sure that its key is new. */
+static void entry_append(bundle *b, struct keyval_t *kv)
+{
+        kv->prev = b->tail;
+        kv->next = NULL;
+        if (b->tail)
+                b->tail->next = kv;
+        else
+                b->head = kv;
+        b->tail = kv;
+        g_hash_table_insert(b->index, kv->key, kv);
+        b->count++;
+}
+
+static struct keyval_t *entry_new(const char *key, size_t key_len, int type)
+{
+        struct keyval_t *kv = calloc(1, sizeof(*kv));
+        if (!kv)
+                return NULL;
+        kv->key = malloc(key_len + 1);
+        if (!kv->key) {
+                free(kv);
+                return NULL;
+        }
+        memcpy(kv->key, key, key_len);
+        kv->key[key_len] = '\0';
+        kv->type = type;
+        return kv;
+}
+
+/* Value of size bytes, with a zero after it (so that a string stays terminated). */
+static int entry_set_value(struct keyval_t *kv, const void *bytes, size_t size, size_t stored)
+{
+        kv->value = malloc(size + 1);
+        if (!kv->value)
+                return -ENOMEM;
+        if (size)
+                memcpy(kv->value, bytes, size);
+        ((char *)kv->value)[size] = '\0';
+        kv->size = stored;
+        return 0;
+}
+
+static int entry_alloc_items(struct keyval_t *kv, size_t count)
+{
+        kv->items = calloc(count + 1, sizeof(char *));
+        if (!kv->items)
+                return -ENOMEM;
+        kv->count = count;
+        return 0;
+}
+
+static int add_basic(bundle *b, const char *key, int type, const void *bytes, size_t size,
+                     size_t stored)
+{
+        if (!b || !key_is_valid(key) || !bytes)
+                return -EINVAL;
+        if (entry_lookup(b, key))
+                return -EEXIST;
+
+        struct keyval_t *kv = entry_new(key, strlen(key), type);
+        if (!kv || entry_set_value(kv, bytes, size, stored) < 0) {
+                entry_free(kv);
+                return -ENOMEM;
+        }
+        entry_append(b, kv);
+        return 0;
+}
+
+static struct keyval_t *entry_dup(const struct keyval_t *src)
+{
+        struct keyval_t *kv = entry_new(src->key, strlen(src->key), src->type);
+        if (!kv)
+                return NULL;
+        if (src->value && entry_set_value(kv, src->value, src->size, src->size) < 0)
+                goto fail;
+        if (src->items) {
+                if (entry_alloc_items(kv, src->count) < 0)
+                        goto fail;
+                for (size_t i = 0; i < src->count; i++)
+                        if (!(kv->items[i] = strdup(src->items[i])))
+                                goto fail;
+        }
+        return kv;
+fail:
+        entry_free(kv);
+        return NULL;
+}
+
+/* Encoding. */
+
+static size_t encoded_entry_size(const struct keyval_t *kv, bool *fits)
+{
+        size_t size = 8 + strlen(kv->key) + 4;
+        if (kv->items) {
+                for (size_t i = 0; i < kv->count; i++) {
+                        size_t len = strlen(kv->items[i]);
+                        *fits = *fits && len <= UINT32_MAX;
+                        size += 4 + len;
+                }
+                *fits = *fits && kv->count <= UINT32_MAX;
+        } else {
+                size_t len = kv->type == BUNDLE_TYPE_STR ? kv->size - 1 : kv->size;
+                *fits = *fits && len <= UINT32_MAX;
+                size += len;
+        }
+        return size;
+}
+
+static unsigned char *put_u32(unsigned char *p, uint32_t v)
+{
+        p[0] = (unsigned char)v;
+        p[1] = (unsigned char)(v >> 8);
+        p[2] = (unsigned char)(v >> 16);
+        p[3] = (unsigned char)(v >> 24);
+        return p + 4;
+}
+
+static unsigned char *put_blob(unsigned char *p, const void *bytes, size_t len)
+{
+        p = put_u32(p, (uint32_t)len);
+        if (len)
+                memcpy(p, bytes, len);
+        return p + len;
+}
+
+static unsigned char *encode_entry(unsigned char *p, const struct keyval_t *kv)
+{
+        p = put_u32(p, (uint32_t)kv->type);
+        p = put_blob(p, kv->key, strlen(kv->key));
+        if (kv->items) {
+                p = put_u32(p, (uint32_t)kv->count);
+                for (size_t i = 0; i < kv->count; i++)
+                        p = put_blob(p, kv->items[i], strlen(kv->items[i]));
+                return p;
+        }
+        size_t len = kv->type == BUNDLE_TYPE_STR ? kv->size - 1 : kv->size;
+        return put_blob(p, kv->value, len);
+}
+
+/* Decoding. */
+
+static bool get_u32(reader *r, uint32_t *v)
+{
+        if (r->left < 4)
+                return false;
+        *v = (uint32_t)r->p[0] | (uint32_t)r->p[1] << 8 | (uint32_t)r->p[2] << 16 |
+             (uint32_t)r->p[3] << 24;
+        r->p += 4;
+        r->left -= 4;
+        return true;
+}
+
+/* A length-prefixed run of bytes, borrowed from the input. */
+static bool get_blob(reader *r, const unsigned char **bytes, size_t *len)
+{
+        uint32_t n;
+        if (!get_u32(r, &n) || n > r->left)
+                return false;
+        *bytes = r->p;
+        *len = n;
+        r->p += n;
+        r->left -= n;
+        return true;
+}
+
+static bool get_string(reader *r, const unsigned char **bytes, size_t *len)
+{
+        return get_blob(r, bytes, len) && !memchr(*bytes, '\0', *len);
+}
+
+static int decode_items(reader *r, struct keyval_t *kv)
+{
+        uint32_t count;
+        if (!get_u32(r, &count) || count > r->left / 4)
+                return -EINVAL;
+        if (entry_alloc_items(kv, count) < 0)
+                return -ENOMEM;
+
+        for (size_t i = 0; i < count; i++) {
+                const unsigned char *s;
+                size_t len;
+                if (!get_string(r, &s, &len))
+                        return -EINVAL;
+                if (!(kv->items[i] = malloc(len + 1)))
+                        return -ENOMEM;
+                memcpy(kv->items[i], s, len);
+                kv->items[i][len] = '\0';
+        }
+        return 0;
+}
+
+static int decode_entry(reader *r, bundle *b)
+{
+        uint32_t type;
+        const unsigned char *key, *value;
+        size_t key_len, len;
+        if (!get_u32(r, &type) || !get_string(r, &key, &key_len))
+                return -EINVAL;
+        if (key_len == 0 || key_len > BUNDLE_KEY_MAX)
+                return -EINVAL;
+        if (type != BUNDLE_TYPE_STR && type != BUNDLE_TYPE_BYTE && type != BUNDLE_TYPE_STR_ARRAY)
+                return -EINVAL;
+
+        struct keyval_t *kv = entry_new((const char *)key, key_len, (int)type);
+        if (!kv)
+                return -ENOMEM;
+        int res = -EINVAL;
+        if (entry_lookup(b, kv->key))
+                goto fail;
+
+        if (type == BUNDLE_TYPE_STR_ARRAY)
+                res = decode_items(r, kv);
+        else if (type == BUNDLE_TYPE_STR)
+                res = get_string(r, &value, &len) ? entry_set_value(kv, value, len, len + 1)
+                                                  : -EINVAL;
+        else
+                res = get_blob(r, &value, &len) ? entry_set_value(kv, value, len, len) : -EINVAL;
+        if (res < 0)
+                goto fail;
+
+        entry_append(b, kv);
+        return 0;
+fail:
+        entry_free(kv);
+        return res;
+}
+
+bundle *bundle_create(void)
+{
+        bundle *b = calloc(1, sizeof(*b));
+        if (!b)
+                return NULL;
+        b->index = g_hash_table_new(g_str_hash, g_str_equal);
+        return b;
+}
+
+int bundle_free(bundle *b)
+{
+        if (!b)
+                return -EINVAL;
+
+        g_hash_table_destroy(b->index);
+        struct keyval_t *kv = b->head;
+        while (kv) {
+                struct keyval_t *next = kv->next;
+                entry_free(kv);
+                kv = next;
+        }
+        free(b);
+        return 0;
+}
+
+bundle *bundle_dup(bundle *b)
+{
+        if (!b)
+                return NULL;
+
+        bundle *copy = bundle_create();
+        if (!copy)
+                return NULL;
+        for (const struct keyval_t *kv = b->head; kv; kv = kv->next) {
+                struct keyval_t *dup = entry_dup(kv);
+                if (!dup) {
+                        bundle_free(copy);
+                        return NULL;
+                }
+                entry_append(copy, dup);
+        }
+        return copy;
+}
+
+int bundle_get_count(bundle *b)
+{
+        return b ? b->count : -EINVAL;
+}
+
+int bundle_add_str(bundle *b, const char *key, const char *str)
+{
+        if (!str)
+                return -EINVAL;
+        size_t len = strlen(str);
+        return add_basic(b, key, BUNDLE_TYPE_STR, str, len, len + 1);
+}
+
+int bundle_add_byte(bundle *b, const char *key, const void *bytes, size_t size)
+{
+        return add_basic(b, key, BUNDLE_TYPE_BYTE, bytes, size, size);
+}
+
+int bundle_add_str_array(bundle *b, const char *key, const char **str_array, int len)
+{
+        if (!b || !key_is_valid(key) || len < 0 || (len > 0 && !str_array))
+                return -EINVAL;
+        for (int i = 0; i < len; i++)
+                if (!str_array[i])
+                        return -EINVAL;
+        if (entry_lookup(b, key))
+                return -EEXIST;
+
+        struct keyval_t *kv = entry_new(key, strlen(key), BUNDLE_TYPE_STR_ARRAY);
+        if (!kv || entry_alloc_items(kv, (size_t)len) < 0)
+                goto oom;
+        for (int i = 0; i < len; i++)
+                if (!(kv->items[i] = strdup(str_array[i])))
+                        goto oom;
+        entry_append(b, kv);
+        return 0;
+oom:
+        entry_free(kv);
+        return -ENOMEM;
+}
+
+int bundle_get_str(bundle *b, const char *key, char **str)
+{
+        if (!b || !key || !str)
+                return -EINVAL;
+        struct keyval_t *kv = entry_lookup(b, key);
+        if (!kv)
+                return -ENOENT;
+        if (kv->type != BUNDLE_TYPE_STR)
+                return -EINVAL;
+        *str = kv->value;
+        return 0;
+}
+
+int bundle_get_byte(bundle *b, const char *key, void **bytes, size_t *size)
+{
+        if (!b || !key || !bytes)
+                return -EINVAL;
+        struct keyval_t *kv = entry_lookup(b, key);
+        if (!kv)
+                return -ENOENT;
+        if (kv->type != BUNDLE_TYPE_BYTE)
+                return -EINVAL;
+        *bytes = kv->value;
+        if (size)
+                *size = kv->size;
+        return 0;
+}
+
+int bundle_get_str_array(bundle *b, const char *key, const char ***str_array, int *len)
+{
+        if (!b || !key || !str_array)
+                return -EINVAL;
+        struct keyval_t *kv = entry_lookup(b, key);
+        if (!kv)
+                return -ENOENT;
+        if (kv->type != BUNDLE_TYPE_STR_ARRAY || kv->count > INT32_MAX)
+                return -EINVAL;
+        *str_array = (const char **)kv->items;
+        if (len)
+                *len = (int)kv->count;
+        return 0;
+}
+
+int bundle_get_type(bundle *b, const char *key)
+{
+        if (!b || !key)
+                return -EINVAL;
+        struct keyval_t *kv = entry_lookup(b, key);
+        return kv ? kv->type : -ENOENT;
+}
+
+int bundle_del(bundle *b, const char *key)
+{
+        if (!b || !key)
+                return -EINVAL;
+        struct keyval_t *kv = entry_lookup(b, key);
+        if (!kv)
+                return -ENOENT;
+
+        g_hash_table_remove(b->index, key);
+        if (kv->prev)
+                kv->prev->next = kv->next;
+        else
+                b->head = kv->next;
+        if (kv->next)
+                kv->next->prev = kv->prev;
+        else
+                b->tail = kv->prev;
+        b->count--;
+        entry_free(kv);
+        return 0;
+}
+
+void bundle_foreach(bundle *b, bundle_iterator_t iter, void *user_data)
+{
+        if (!b || !iter)
+                return;
+        for (const struct keyval_t *kv = b->head; kv; kv = kv->next)
+                iter(kv->key, kv->type, kv, user_data);
+}
+
+int bundle_keyval_type_is_array(bundle_keyval_t *kv)
+{
+        if (!kv)
+                return -EINVAL;
+        return (kv->type & BUNDLE_TYPE_ARRAY) ? 1 : 0;
+}
+
+int bundle_keyval_get_type(bundle_keyval_t *kv)
+{
+        return kv ? kv->type : -EINVAL;
+}
+
+int bundle_keyval_get_basic_val(bundle_keyval_t *kv, void **val, size_t *size)
+{
+        if (!kv || !val || (kv->type & BUNDLE_TYPE_ARRAY))
+                return -EINVAL;
+        *val = kv->value;
+        if (size)
+                *size = kv->size;
+        return 0;
+}
+
+int bundle_encode_raw(bundle *b, unsigned char **raw, size_t *len)
+{
+        if (!b || !raw || !len)
+                return -EINVAL;
+
+        bool fits = true;
+        size_t total = 12;
+        for (const struct keyval_t *kv = b->head; kv; kv = kv->next)
+                total += encoded_entry_size(kv, &fits);
+        if (!fits)
+                return -EINVAL;
+
+        unsigned char *out = malloc(total);
+        if (!out)
+                return -ENOMEM;
+        unsigned char *p = put_u32(out, BUNDLE_MAGIC);
+        p = put_u32(p, BUNDLE_VERSION);
+        p = put_u32(p, (uint32_t)b->count);
+        for (const struct keyval_t *kv = b->head; kv; kv = kv->next)
+                p = encode_entry(p, kv);
+
+        *raw = out;
+        *len = total;
+        return 0;
+}
+
+int bundle_decode_raw(const unsigned char *raw, size_t len, bundle **out)
+{
+        if (!raw || !out)
+                return -EINVAL;
+
+        reader r = { raw, len };
+        uint32_t magic, version, count;
+        if (!get_u32(&r, &magic) || !get_u32(&r, &version) || !get_u32(&r, &count))
+                return -EINVAL;
+        if (magic != BUNDLE_MAGIC || version != BUNDLE_VERSION ||
+            count > r.left / ENTRY_MIN_ENCODED)
+                return -EINVAL;
+
+        bundle *b = bundle_create();
+        if (!b)
+                return -ENOMEM;
+        int res = 0;
+        for (uint32_t i = 0; i < count && res == 0; i++)
+                res = decode_entry(&r, b);
+        if (res == 0 && r.left != 0)
+                res = -EINVAL;
+        if (res < 0) {
+                bundle_free(b);
+                return res;
+        }
+        *out = b;
+        return 0;
+}

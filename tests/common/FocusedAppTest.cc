@@ -1,0 +1,173 @@
+// The focused-application query through the exported function, against the
+// window-manager simulator on a private bus. The remembered reply layout lives as long
+// as the process, so each test runs in a process of its own.
+#include <app_control.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+
+#include "BusFixture.h"
+#include "LogCapture.h"
+#include "LoopUntil.h"
+#include "TempEnv.h"
+#include "talvo_proxy.h"
+
+namespace {
+
+constexpr const char kSelf[] = "org.velna.test.client";
+
+struct FreeText {
+  void operator()(char *text) const { free(text); }
+};
+using Text = std::unique_ptr<char, FreeText>;
+
+std::string Focused() {
+  Text id(talvo_proxy_get_focused_app_id());
+  return id ? id.get() : "<null>";
+}
+
+class FocusedAppTest : public ::testing::Test {
+ protected:
+  // Starts the simulator with the given layout, initialises the library and runs the
+  // loop until the library holds its bus connection.
+  void Start(int layout) {
+    setenv("VELNA_APP_ID", kSelf, 1);
+    sim = std::make_unique<testsupport::WmSim>(bus, layout);
+    ASSERT_EQ(talvo_proxy_initialize(), 0);
+    ASSERT_TRUE(testsupport::RunLoopUntil([&] { return log.has("GDBUS connection is"); }, 10000))
+        << log.dump();
+  }
+
+  // Launches an installed app that opens its window in the simulator, and returns the
+  // app's pid once the window is there.
+  int LaunchWindowApp(const std::string &appId, bool focused) {
+    testsupport::Manifest m;
+    m.appId = appId;
+    m.package = appId;
+    m.exec = std::string(TALVO_TEST_WINDOW_APP) + (focused ? " --focused" : "");
+    env.install(m);
+
+    auto before = sim->windows();
+    app_control_h control = nullptr;
+    app_control_create(&control);
+    app_control_set_app_id(control, appId.c_str());
+    int ret = app_control_send_launch_request(control, nullptr, nullptr);
+    app_control_destroy(control);
+    EXPECT_EQ(ret, 0);
+
+    std::vector<std::pair<int, bool>> after;
+    bool opened = testsupport::RunLoopUntil(
+        [&] { return (after = sim->windows()).size() > before.size(); }, 10000);
+    EXPECT_TRUE(opened) << appId << " opened no window";
+    for (const auto &window : after)
+      if (std::find(before.begin(), before.end(), window) == before.end()) return window.first;
+    return -1;
+  }
+
+  testsupport::TempEnv env;
+  testsupport::BusFixture bus;
+  std::unique_ptr<testsupport::WmSim> sim;
+  testsupport::LogCapture log;
+};
+
+TEST_F(FocusedAppTest, TwelveMemberLayoutIsRememberedAndNeverLeft) {
+  Start(12);
+  sim->focus(getpid());
+
+  EXPECT_EQ(Focused(), kSelf);
+  EXPECT_TRUE(log.has("Trying with 12 parameters"));
+  EXPECT_FALSE(log.has("Trying with 13 parameters"));
+
+  sim->setAnswering(false);
+  EXPECT_EQ(Focused(), "<null>");
+  EXPECT_TRUE(log.has("g_dbus_connection_call_sync() failed"));
+  EXPECT_TRUE(log.has("dbus error message: "));
+  EXPECT_TRUE(log.has("FOCUS APPID (null)"));
+
+  sim->setAnswering(true);
+  sim->setLayout(13);
+  EXPECT_EQ(Focused(), "<null>");
+  EXPECT_FALSE(log.has("Trying with 13 parameters")) << log.dump();
+}
+
+TEST_F(FocusedAppTest, ThirteenMemberLayoutIsFoundOnceAndThenAskedDirectly) {
+  Start(13);
+  sim->focus(getpid());
+
+  EXPECT_EQ(Focused(), kSelf);
+  EXPECT_LT(log.find("Trying with 12 parameters"), log.find("Trying with 13 parameters"));
+  EXPECT_GE(log.find("Trying with 12 parameters"), 0);
+
+  log.clear();
+  EXPECT_EQ(Focused(), kSelf);
+  EXPECT_FALSE(log.has("Trying with 12 parameters"));
+  EXPECT_TRUE(log.has("Trying with 13 parameters"));
+  EXPECT_TRUE(log.has(std::string("FOCUS APPID ") + kSelf));
+}
+
+TEST_F(FocusedAppTest, FirstFocusedWindowWinsAndLaterWindowsAreNotConsulted) {
+  Start(13);
+  LaunchWindowApp("org.velna.test.first", false);
+  LaunchWindowApp("org.velna.test.second", true);
+  LaunchWindowApp("org.velna.test.third", false);
+  ASSERT_EQ(sim->windows().size(), 3u);
+
+  EXPECT_EQ(Focused(), "org.velna.test.second");
+}
+
+TEST_F(FocusedAppTest, WithoutAFocusedWindowTheLastKnownOwnerIsNamed) {
+  Start(12);
+  sim->addWindow(getpid(), false);
+  int pid = LaunchWindowApp("org.velna.test.window", false);
+  ASSERT_GT(pid, 0);
+  sim->addWindow(pid + 100000, false);  // a pid that no app holds changes nothing
+
+  EXPECT_EQ(Focused(), "org.velna.test.window");
+}
+
+TEST_F(FocusedAppTest, EmptyWindowListNamesNoApp) {
+  Start(12);
+
+  EXPECT_EQ(Focused(), "<null>");
+  EXPECT_TRUE(log.has("FOCUS APPID (null)"));
+  EXPECT_FALSE(log.has("g_dbus_connection_call_sync() failed"));
+}
+
+TEST_F(FocusedAppTest, QueryBeforeTheBusIsAcquiredNamesNoApp) {
+  setenv("VELNA_APP_ID", kSelf, 1);
+  sim = std::make_unique<testsupport::WmSim>(bus, 12);
+  sim->focus(getpid());
+  ASSERT_EQ(talvo_proxy_initialize(), 0);
+
+  EXPECT_EQ(Focused(), "<null>");
+  EXPECT_TRUE(log.has("Dbus Connection pointer is null"));
+
+  ASSERT_TRUE(testsupport::RunLoopUntil([&] { return log.has("GDBUS connection is"); }, 10000));
+  EXPECT_EQ(Focused(), kSelf);
+}
+
+TEST_F(FocusedAppTest, AfterDeinitializeTheWindowManagerIsNotAsked) {
+  Start(12);
+  sim->focus(getpid());
+  ASSERT_EQ(talvo_proxy_deinitialize(), 0);
+
+  log.clear();
+  EXPECT_EQ(Focused(), "<null>");
+  EXPECT_TRUE(log.has("Talvo Proxy is not initialized"));
+  EXPECT_FALSE(log.has("In _getFocusedAppId call"));
+}
+
+TEST_F(FocusedAppTest, LibraryOwnsItsBusNameOnThePrivateBus) {
+  setenv("VELNA_APP_ID", kSelf, 1);
+  ASSERT_EQ(talvo_proxy_initialize(), 0);
+  EXPECT_TRUE(log.has("dbusOwnId : "));
+
+  EXPECT_TRUE(testsupport::RunLoopUntil(
+      [&] { return !bus.ownerOf("org.velna.talvo.sdk.proxy").empty(); }, 10000));
+}
+
+}  // namespace

@@ -1,0 +1,73 @@
+// A private message bus for one test process, and the window-manager simulator on it.
+//
+// BusFixture starts dbus-daemon with the project's private-bus configuration in a
+// temporary directory and points DBUS_SYSTEM_BUS_ADDRESS at it while it lives; the
+// destructor stops the daemon and removes the directory. GLib's shared system-bus
+// connection ends the process when its bus goes away, so create the fixture before the
+// library connects and keep it for the test's whole life; the destructor turns that
+// behaviour off for the shared connection before it stops the daemon.
+#pragma once
+
+#include <gio/gio.h>
+#include <sys/types.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace testsupport {
+
+class BusFixture {
+ public:
+  // Throws std::runtime_error when the daemon cannot be started.
+  BusFixture();
+  ~BusFixture();
+  BusFixture(const BusFixture &) = delete;
+  BusFixture &operator=(const BusFixture &) = delete;
+
+  const std::string &address() const { return address_; }
+  // The fixture's own connection (not the shared one), borrowed.
+  GDBusConnection *connection() const { return connection_; }
+  // The unique name owning name on this bus, or "" when it has no owner.
+  std::string ownerOf(const std::string &name) const;
+
+ private:
+  std::string dir_;
+  std::string address_;
+  std::string previousAddress_;
+  bool hadPreviousAddress_ = false;
+  pid_t pid_ = -1;
+  GDBusConnection *connection_ = nullptr;  // owned
+};
+
+// The simulator process on a BusFixture's bus, answering in the given layout (12 or 13).
+// The constructor returns once the simulator owns "org.enlightenment.wm" (throws
+// std::runtime_error when it does not within 10 s); the destructor stops it.
+class WmSim {
+ public:
+  explicit WmSim(const BusFixture &bus, int layout = 12);
+  ~WmSim();
+  WmSim(const WmSim &) = delete;
+  WmSim &operator=(const WmSim &) = delete;
+
+  pid_t pid() const { return pid_; }
+
+  // The control interface. Each call waits for the simulator's reply and throws
+  // std::runtime_error when it fails.
+  void addWindow(int windowPid, bool focused);
+  void removeWindow(int windowPid);
+  void focus(int windowPid);
+  void clear();
+  void setLayout(int layout);
+  void setAnswering(bool answering);
+  // (pid, focused) of every window, in reply order.
+  std::vector<std::pair<int, bool>> windows();
+
+ private:
+  GVariant *call(const char *method, GVariant *parameters, const char *replyType);
+
+  const BusFixture &bus_;
+  pid_t pid_ = -1;
+};
+
+}  // namespace testsupport
