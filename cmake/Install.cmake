@@ -12,6 +12,9 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/include/
 install(FILES ${PROJECT_SOURCE_DIR}/include/talvo_proxy.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/talvo)
 
+# The .pc files locate the prefix from their own directory, so an install under any
+# --prefix works.
+file(RELATIVE_PATH PC_PREFIX_FROM_PCDIR /root/${CMAKE_INSTALL_LIBDIR}/pkgconfig /root)
 foreach(pc velna-platform talvo-proxy)
   configure_file(${CMAKE_CURRENT_LIST_DIR}/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

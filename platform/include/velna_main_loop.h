@@ -2,6 +2,8 @@
 #ifndef VELNA_MAIN_LOOP_H
 #define VELNA_MAIN_LOOP_H
 
+#include <stdbool.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -12,6 +14,10 @@ int velna_main_loop_init(void);
 /* Initialises, registers the process as its VELNA_APP_ID when it has one, and runs
  * until velna_main_loop_quit. Not reentrant. */
 int velna_main_loop_run(void);
+/* Extension: runs the loop until done(data) returns true (checked every 5 ms) or
+ * timeout_ms has passed. 1 when done() became true, 0 on time-out, a negative errno value
+ * when the loop cannot run (-16 when it already runs). */
+int velna_main_loop_run_until(bool (*done)(void *data), void *data, int timeout_ms);
 /* Flushes queued sends (for at most 2 s), then makes velna_main_loop_run return. */
 void velna_main_loop_quit(void);
 

@@ -216,3 +216,45 @@ void velna_main_loop_quit(void)
         if (loop_initialised)
                 ecore_main_loop_quit();
 }
+
+struct run_until {
+        bool (*done)(void *data);
+        void *data;
+        gint64 deadline;
+        bool satisfied;
+        bool finished;
+};
+
+static gboolean run_until_check(gpointer data)
+{
+        struct run_until *wait = data;
+
+        if (wait->done(wait->data))
+                wait->satisfied = true;
+        else if (g_get_monotonic_time() < wait->deadline)
+                return G_SOURCE_CONTINUE;
+        wait->finished = true;
+        velna_main_loop_quit();
+        return G_SOURCE_REMOVE;
+}
+
+int velna_main_loop_run_until(bool (*done)(void *data), void *data, int timeout_ms)
+{
+        if (!done || timeout_ms < 0)
+                return -EINVAL;
+        if (done(data))
+                return 1;
+
+        struct run_until wait = {
+                .done = done,
+                .data = data,
+                .deadline = g_get_monotonic_time() + (gint64)timeout_ms * 1000,
+        };
+        guint source = g_timeout_add(5, run_until_check, &wait);
+        int r = velna_main_loop_run();
+        if (!wait.finished)
+                g_source_remove(source);  /* the loop ended for another reason */
+        if (r < 0)
+                return r;
+        return wait.satisfied || done(data) ? 1 : 0;
+}

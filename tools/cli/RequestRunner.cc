@@ -17,25 +17,6 @@ namespace {
 
 const char kFailureAnswer[] = "{\"result\":\"Failure\"}";
 
-struct LoopWait {
-  bool (*done)(void *);
-  void *data;
-  gint64 deadline;
-  bool satisfied = false;
-  bool finished = false;
-};
-
-gboolean CheckLoopWait(gpointer data) {
-  auto *wait = static_cast<LoopWait *>(data);
-  if (wait->done(wait->data))
-    wait->satisfied = true;
-  else if (g_get_monotonic_time() < wait->deadline)
-    return G_SOURCE_CONTINUE;
-  wait->finished = true;
-  velna_main_loop_quit();
-  return G_SOURCE_REMOVE;
-}
-
 std::string Meaning(int code) {
   switch (code) {
     case -12: return "out of memory, or the app's metadata could not be read";
@@ -59,15 +40,6 @@ bundle *MakeRequest(const CliOptions &options) {
 }
 
 }  // namespace
-
-bool RunLoopUntil(bool (*done)(void *), void *data, int timeoutMs) {
-  if (done(data)) return true;
-  LoopWait wait{done, data, g_get_monotonic_time() + gint64(timeoutMs) * 1000};
-  guint source = g_timeout_add(10, CheckLoopWait, &wait);
-  velna_main_loop_run();
-  if (!wait.finished) g_source_remove(source);
-  return wait.satisfied;
-}
 
 int CheckInstalled(const std::string &appId) {
   app_info_h info = nullptr;
@@ -103,7 +75,7 @@ void RequestRunner::onAnswer(const char *appId, bundle *result, void *self) {
 int RequestRunner::waitForAnswer(int defaultTimeoutSeconds) {
   int seconds = options_.timeoutSeconds ? options_.timeoutSeconds : defaultTimeoutSeconds;
   auto done = [](void *self) { return static_cast<RequestRunner *>(self)->answered_; };
-  if (!RunLoopUntil(done, this, seconds * 1000)) {
+  if (velna_main_loop_run_until(done, this, seconds * 1000) != 1) {
     std::fprintf(stderr, "talvo-cli: no answer from '%s' within %d s\n",
                  options_.args[0].c_str(), seconds);
     return kExitTimeout;
@@ -158,7 +130,7 @@ int RequestRunner::runFocused() {
   // The bus-acquired handler runs on the loop; let it run before asking.
   int turns = 0;
   auto settled = [](void *count) { return ++*static_cast<int *>(count) > 5; };
-  RunLoopUntil(settled, &turns, 1000);
+  velna_main_loop_run_until(settled, &turns, 1000);
 
   char *focused = talvo_proxy_get_focused_app_id();
   int exitCode = focused ? kExitOk : kExitFailed;

@@ -33,7 +33,4 @@ class RequestRunner {
 // Checks that appId is installed; prints one line and returns an exit code otherwise.
 int CheckInstalled(const std::string &appId);
 
-// Runs the main loop until done() or timeoutMs; returns whether done() became true.
-bool RunLoopUntil(bool (*done)(void *), void *data, int timeoutMs);
-
 }  // namespace cli
