@@ -17,7 +17,7 @@ cleanup() {
   for environ in /proc/[0-9]*/environ; do
     if grep -qsz "^VELNA_RUNTIME_DIR=$work/rt$" "$environ" 2>/dev/null; then
       pid=${environ#/proc/}; pid=${pid%/environ}
-      [ "$pid" != "$$" ] && kill -KILL "$pid" 2>/dev/null || true
+      case "$pid" in "$$" | "$bus_pid" | "$sim_pid") ;; *) kill -KILL "$pid" 2>/dev/null || true ;; esac
     fi
   done
   [ -n "$sim_pid" ] && kill "$sim_pid" 2>/dev/null && wait "$sim_pid" 2>/dev/null || true

@@ -109,6 +109,10 @@ bool DemoSession::request(const std::string &what, const std::string &appId, boo
     return false;
   }
   bool arrived = waitFor(answer, waitMs);
+  if (interrupted_) {
+    std::printf("[stop] %-52s interrupted\n", what.c_str());
+    return false;
+  }
   if (!expectAnswer) {
     report(!arrived, what, arrived ? "an answer came, none was expected"
                                    : "no answer, as the library drops it", SecondsSince(start));
