@@ -43,6 +43,9 @@ int velna_channel_connect(const char *path, uint32_t max_frame, velna_channel **
  * over max_frame, -11 past VELNA_CHANNEL_MAX_QUEUED_OUT, -5 (EPIPE/ECONNRESET: the peer
  * is gone), -12. Never raises SIGPIPE. */
 int velna_channel_send(velna_channel *channel, const void *payload, size_t len);
+/* As velna_channel_send, but on success takes over payload (malloc'd; freed with free()
+ * once written), so that a large frame is never copied. On failure it stays the caller's. */
+int velna_channel_send_owned(velna_channel *channel, void *payload, size_t len);
 
 /* Takes the oldest queued incoming frame: 0 and a newly allocated payload (free with
  * free()). With none queued it waits, reading (and flushing queued output), at most

@@ -1,0 +1,308 @@
+/* Parcels: a byte buffer of typed fields, written in order and read back in order.
+ *
+ * Each field is a one-byte type tag followed by its value, integers little-endian:
+ *   int32:  tag 1, 4 bytes
+ *   bool:   tag 2, 1 byte (0 or 1)
+ *   string: tag 3, u32 length, bytes (no NUL; a NUL inside is refused on read)
+ *   bundle: tag 4, u32 length, bundle_encode_raw bytes
+ * A read checks the tag and every length against the bytes that remain before it
+ * allocates; a failed read leaves the read position where it was. A parcel never grows
+ * past RPC_PORT_MAX_PARCEL_SIZE, so it always fits one frame of the transport. */
+#include <rpc-port.h>
+
+#include <errno.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "channel_internal.h"
+#include "rpc_port_internal.h"
+
+enum {
+        FIELD_INT32 = 1,
+        FIELD_BOOL = 2,
+        FIELD_STRING = 3,
+        FIELD_BUNDLE = 4,
+};
+
+struct rpc_port_parcel_s {
+        unsigned char *data; /* owned */
+        size_t len;
+        size_t cap;
+        size_t pos; /* read position */
+};
+
+static void put_le32(unsigned char *p, uint32_t v)
+{
+        p[0] = (unsigned char)v;
+        p[1] = (unsigned char)(v >> 8);
+        p[2] = (unsigned char)(v >> 16);
+        p[3] = (unsigned char)(v >> 24);
+}
+
+static uint32_t get_le32(const unsigned char *p)
+{
+        return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 |
+               (uint32_t)p[3] << 24;
+}
+
+/* Makes room for extra more bytes: 0, -90 past the parcel cap, -12. */
+static int reserve(struct rpc_port_parcel_s *p, size_t extra)
+{
+        if (extra > RPC_PORT_MAX_PARCEL_SIZE - p->len)
+                return -EMSGSIZE;
+        size_t need = p->len + extra;
+        if (need <= p->cap)
+                return 0;
+
+        size_t cap = p->cap ? p->cap : 64;
+        while (cap < need)
+                cap = cap > RPC_PORT_MAX_PARCEL_SIZE / 2 ? RPC_PORT_MAX_PARCEL_SIZE : cap * 2;
+        unsigned char *data = realloc(p->data, cap);
+        if (!data)
+                return -ENOMEM;
+        p->data = data;
+        p->cap = cap;
+        return 0;
+}
+
+/* Appends a tag, a u32 length when with_length is set, then body: 0, -90, -12. */
+static int append_field(struct rpc_port_parcel_s *p, unsigned char tag, const void *body,
+                        size_t body_len, bool with_length)
+{
+        size_t head = 1 + (with_length ? 4 : 0);
+        if (body_len > RPC_PORT_MAX_PARCEL_SIZE)
+                return -EMSGSIZE;
+        int r = reserve(p, head + body_len);
+        if (r < 0)
+                return r;
+
+        unsigned char *out = p->data + p->len;
+        out[0] = tag;
+        if (with_length)
+                put_le32(out + 1, (uint32_t)body_len);
+        if (body_len)
+                memcpy(out + head, body, body_len);
+        p->len += head + body_len;
+        return 0;
+}
+
+/* Finds the field at the read position if it has the tag: 0, its body and length
+ * (fixed_len, or the u32 prefix when fixed_len is 0) and in *next the position after
+ * it; -5 for another tag or a field that the remaining bytes cannot hold. */
+static int peek_field(const struct rpc_port_parcel_s *p, unsigned char tag, size_t fixed_len,
+                      const unsigned char **body, size_t *body_len, size_t *next)
+{
+        size_t left = p->len - p->pos;
+        const unsigned char *at = p->data + p->pos;
+        if (left < 1 || at[0] != tag)
+                return -EIO;
+        left -= 1;
+        at += 1;
+
+        size_t len = fixed_len;
+        size_t head = 1;
+        if (fixed_len == 0) {
+                if (left < 4)
+                        return -EIO;
+                len = get_le32(at);
+                left -= 4;
+                at += 4;
+                head += 4;
+        }
+        if (len > left)
+                return -EIO;
+
+        *body = at;
+        *body_len = len;
+        *next = p->pos + head + len;
+        return 0;
+}
+
+int rpc_port_parcel_create(rpc_port_parcel_h *h)
+{
+        if (!h)
+                return -EINVAL;
+
+        struct rpc_port_parcel_s *p = calloc(1, sizeof *p);
+        if (!p)
+                return -ENOMEM;
+        *h = p;
+        return 0;
+}
+
+int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port)
+{
+        if (!h || !port)
+                return -EINVAL;
+        if (!port->channel)
+                return -EIO;
+
+        struct rpc_port_parcel_s *p = calloc(1, sizeof *p);
+        if (!p)
+                return -ENOMEM;
+
+        unsigned char *payload = NULL;
+        size_t len = 0;
+        int r = velna_channel_take_frame(port->channel, -1, &payload, &len);
+        if (r < 0) {
+                free(p);
+                return r == -ENOMEM ? r : -EIO; /* timed out or the peer is gone */
+        }
+
+        p->data = payload; /* ownership passes to the parcel */
+        p->len = len;
+        p->cap = len;
+        *h = p;
+        return 0;
+}
+
+int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port)
+{
+        if (!h || !port)
+                return -EINVAL;
+        if (!port->channel || !velna_channel_is_open(port->channel))
+                return -EIO;
+
+        static const unsigned char empty;
+        return velna_channel_send(port->channel, h->data ? h->data : &empty, h->len);
+}
+
+int rpc_port_parcel_destroy(rpc_port_parcel_h h)
+{
+        if (!h)
+                return -EINVAL;
+
+        free(h->data);
+        free(h);
+        return 0;
+}
+
+int rpc_port_parcel_write_int32(rpc_port_parcel_h h, int i)
+{
+        if (!h)
+                return -EINVAL;
+
+        unsigned char v[4];
+        put_le32(v, (uint32_t)i);
+        return append_field(h, FIELD_INT32, v, sizeof v, false);
+}
+
+int rpc_port_parcel_write_bool(rpc_port_parcel_h h, bool b)
+{
+        if (!h)
+                return -EINVAL;
+
+        unsigned char v = b ? 1 : 0;
+        return append_field(h, FIELD_BOOL, &v, 1, false);
+}
+
+int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char *str)
+{
+        if (!h || !str)
+                return -EINVAL;
+
+        return append_field(h, FIELD_STRING, str, strlen(str), true);
+}
+
+int rpc_port_parcel_write_bundle(rpc_port_parcel_h h, bundle *b)
+{
+        if (!h || !b)
+                return -EINVAL;
+
+        unsigned char *raw = NULL;
+        size_t len = 0;
+        int r = bundle_encode_raw(b, &raw, &len);
+        if (r < 0)
+                return r;
+        r = append_field(h, FIELD_BUNDLE, raw, len, true);
+        free(raw);
+        return r;
+}
+
+int rpc_port_parcel_read_int32(rpc_port_parcel_h h, int *i)
+{
+        if (!i)
+                return -EINVAL;
+        *i = 0;
+        if (!h)
+                return -EINVAL;
+
+        const unsigned char *body;
+        size_t len, next;
+        int r = peek_field(h, FIELD_INT32, 4, &body, &len, &next);
+        if (r < 0)
+                return r;
+        *i = (int)(int32_t)get_le32(body);
+        h->pos = next;
+        return 0;
+}
+
+int rpc_port_parcel_read_bool(rpc_port_parcel_h h, bool *b)
+{
+        if (!b)
+                return -EINVAL;
+        *b = false;
+        if (!h)
+                return -EINVAL;
+
+        const unsigned char *body;
+        size_t len, next;
+        int r = peek_field(h, FIELD_BOOL, 1, &body, &len, &next);
+        if (r < 0)
+                return r;
+        if (body[0] > 1)
+                return -EIO;
+        *b = body[0] == 1;
+        h->pos = next;
+        return 0;
+}
+
+int rpc_port_parcel_read_string(rpc_port_parcel_h h, char **str)
+{
+        if (!str)
+                return -EINVAL;
+        *str = NULL;
+        if (!h)
+                return -EINVAL;
+
+        const unsigned char *body;
+        size_t len, next;
+        int r = peek_field(h, FIELD_STRING, 0, &body, &len, &next);
+        if (r < 0)
+                return r;
+        if (len > 0 && memchr(body, '\0', len))
+                return -EIO;
+
+        char *s = malloc(len + 1);
+        if (!s)
+                return -ENOMEM;
+        memcpy(s, body, len);
+        s[len] = '\0';
+        h->pos = next;
+        *str = s; /* ownership passes to the caller */
+        return 0;
+}
+
+int rpc_port_parcel_read_bundle(rpc_port_parcel_h h, bundle **b)
+{
+        if (!b)
+                return -EINVAL;
+        *b = NULL;
+        if (!h)
+                return -EINVAL;
+
+        const unsigned char *body;
+        size_t len, next;
+        int r = peek_field(h, FIELD_BUNDLE, 0, &body, &len, &next);
+        if (r < 0)
+                return r;
+
+        bundle *decoded = NULL;
+        r = bundle_decode_raw(body, len, &decoded);
+        if (r < 0)
+                return r == -ENOMEM ? r : -EIO;
+        h->pos = next;
+        *b = decoded; /* ownership passes to the caller */
+        return 0;
+}

@@ -1,0 +1,376 @@
+// The proxy of interface "message" against a real app process (message_test_app.cc).
+
+#include <gtest/gtest.h>
+#include <rpc-port.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "LogCapture.h"
+#include "LoopUntil.h"
+#include "TempEnv.h"
+#include "message/message.h"
+
+namespace {
+
+using rpc_port::message::proxy::message;
+namespace proxy = rpc_port::message::proxy;
+
+constexpr const char *kClientId = "org.velna.test.client";
+constexpr const char *kAppId = "org.velna.test.messageapp";
+constexpr int kConnectMs = 20000;
+
+struct Listener : message::IEventListener {
+  int connected = 0, disconnected = 0, rejected = 0;
+  bool throwOnConnected = false;
+  void OnConnected() override {
+    ++connected;
+    if (throwOnConnected) throw std::runtime_error("listener failure");
+  }
+  void OnDisconnected() override { ++disconnected; }
+  void OnRejected() override { ++rejected; }
+};
+
+// What a delegate saw; outlives the delegate, which the proxy owns and destroys.
+struct Seen {
+  std::vector<std::string> ids, payloads, commands;
+  bool destroyed = false;
+};
+
+class Recorder : public message::ResponseCB {
+ public:
+  Recorder(std::shared_ptr<Seen> seen, bool once = false) : ResponseCB(once), seen_(seen) {}
+  ~Recorder() override { seen_->destroyed = true; }
+
+ protected:
+  void OnReceived(std::string id, bundle *msg) override {
+    char *value = nullptr;
+    seen_->ids.push_back(id);
+    seen_->payloads.push_back(bundle_get_str(msg, "payload", &value) == 0 ? value : "-");
+    seen_->commands.push_back(bundle_get_str(msg, "commands", &value) == 0 ? value : "-");
+  }
+
+ private:
+  std::shared_ptr<Seen> seen_;
+};
+
+class MessageProxy : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("VELNA_APP_ID", kClientId, 1);
+    Install(kAppId);
+  }
+
+  void Install(const std::string &appId, const std::string &allowedClients = "") {
+    env.install({appId, appId, "", MESSAGE_TEST_APP, allowedClients, {}});
+  }
+
+  // A connected proxy to appId, whose app runs in mode.
+  std::unique_ptr<message> Connected(const std::string &mode, const std::string &appId = kAppId) {
+    setenv("MESSAGE_TEST_APP_MODE", mode.c_str(), 1);
+    auto proxy = std::make_unique<message>(&listener, appId);
+    int before = listener.connected;
+    proxy->Connect();
+    EXPECT_TRUE(testsupport::RunLoopUntil([&] { return listener.connected > before; }, kConnectMs));
+    return proxy;
+  }
+
+  std::unique_ptr<message::ResponseCB> NewRecorder(std::shared_ptr<Seen> seen, bool once = false) {
+    return std::make_unique<Recorder>(seen, once);
+  }
+
+  static void Send(message &proxy, const std::string &steps, const std::string &payload,
+                   int count = 1) {
+    bundle *msg = bundle_create();
+    bundle_add_str(msg, "do", steps.c_str());
+    bundle_add_str(msg, "payload", payload.c_str());
+    bundle_add_str(msg, "count", std::to_string(count).c_str());
+    proxy.Send(msg);
+    bundle_free(msg);
+  }
+
+  static bool WaitFor(const std::shared_ptr<Seen> &seen, size_t answers) {
+    return testsupport::RunLoopUntil([&] { return seen->payloads.size() >= answers; }, 10000);
+  }
+
+  // A proxy log line "message.cc: <operation>(<line>) > <text>" at error priority.
+  bool HasProxyLine(const std::string &operation, const std::string &text) const {
+    const std::string head = "message.cc: " + operation + "(", tail = ") > " + text;
+    for (const auto &line : log.lines()) {
+      const std::string &m = line.message;
+      if (line.tag != "RPC_PORT_PROXY" || line.prio != DLOG_ERROR ||
+          m.size() <= head.size() + tail.size() || m.compare(0, head.size(), head) != 0 ||
+          m.compare(m.size() - tail.size(), tail.size(), tail) != 0)
+        continue;
+      std::string number = m.substr(head.size(), m.size() - head.size() - tail.size());
+      if (number.find_first_not_of("0123456789") == std::string::npos) return true;
+    }
+    return false;
+  }
+
+  testsupport::TempEnv env;
+  testsupport::LogCapture log;
+  Listener listener;
+};
+
+TEST_F(MessageProxy, DelegatesAreNumberedFromZeroAcrossConnections) {
+  Install("org.velna.test.messageapp2");
+  auto first = Connected("sdk");
+  auto second = Connected("sdk", "org.velna.test.messageapp2");
+  auto a = std::make_shared<Seen>(), b = std::make_shared<Seen>(), c = std::make_shared<Seen>();
+
+  auto delegate = NewRecorder(a);
+  EXPECT_EQ(delegate->GetTag(), "1::0");
+  EXPECT_EQ(first->SetCB(delegate), 0);
+  delegate = NewRecorder(b);
+  EXPECT_EQ(delegate->GetTag(), "1::1");
+  EXPECT_EQ(second->SetCB(delegate), 0);
+  delegate = NewRecorder(c);
+  EXPECT_EQ(delegate->GetSeq(), 2);
+  EXPECT_EQ(first->SetCB(delegate), 0);
+
+  Send(*first, "answer", "to-first");
+  Send(*second, "answer", "to-second");
+  ASSERT_TRUE(WaitFor(c, 1) && WaitFor(b, 1));
+  EXPECT_EQ(a->payloads, std::vector<std::string>{"to-first"});
+  EXPECT_EQ(b->payloads, std::vector<std::string>{"to-second"});
+  EXPECT_EQ(c->payloads, std::vector<std::string>{"to-first"});
+  EXPECT_EQ(b->ids, std::vector<std::string>{"org.velna.test.messageapp2"});
+}
+
+TEST_F(MessageProxy, SetCBReturnsTheAppsResultAndKeepsTheDelegateWhateverItIs) {
+  setenv("MESSAGE_TEST_APP_REGISTER_RESULT", "7", 1);
+  auto proxy = Connected("sdk");
+  auto seen = std::make_shared<Seen>();
+  auto delegate = NewRecorder(seen);
+
+  EXPECT_EQ(proxy->SetCB(delegate), 7);
+  EXPECT_EQ(delegate, nullptr);
+
+  Send(*proxy, "answer", "hello", 2);
+  ASSERT_TRUE(WaitFor(seen, 2));
+  EXPECT_EQ(seen->payloads, (std::vector<std::string>{"hello", "hello"}));
+  EXPECT_EQ(seen->ids, (std::vector<std::string>{kAppId, kAppId}));
+}
+
+TEST_F(MessageProxy, UnsetCBLeavesTheLocalDelegateAndSendNeverReadsTheMainPort) {
+  auto proxy = Connected("lax");
+  auto seen = std::make_shared<Seen>();
+  auto delegate = NewRecorder(seen);
+  ASSERT_EQ(proxy->SetCB(delegate), 0);
+
+  // The app answers this Send with a Result parcel on the main port: UnsetCB finds it
+  // there only if Send left the main port alone.
+  Send(*proxy, "stray-result", "");
+  EXPECT_EQ(proxy->UnsetCB(), 55);
+  EXPECT_EQ(proxy->UnsetCB(), 0);  // the answer of the first UnsetCB
+
+  Send(*proxy, "answer", "still-here");
+  ASSERT_TRUE(WaitFor(seen, 1));
+  EXPECT_EQ(seen->payloads, std::vector<std::string>{"still-here"});
+  EXPECT_FALSE(seen->destroyed);
+}
+
+TEST_F(MessageProxy, CompanionSdkForgetsTheConnectionsDelegatesOnUnsetCB) {
+  auto proxy = Connected("sdk");
+  auto before = std::make_shared<Seen>(), after = std::make_shared<Seen>();
+  auto delegate = NewRecorder(before);
+  ASSERT_EQ(proxy->SetCB(delegate), 0);
+  ASSERT_EQ(proxy->UnsetCB(), 0);
+  delegate = NewRecorder(after);
+  ASSERT_EQ(proxy->SetCB(delegate), 0);
+
+  Send(*proxy, "answer", "x");
+  ASSERT_TRUE(WaitFor(after, 1));
+  EXPECT_TRUE(before->payloads.empty());  // delegates are invoked in registration order
+}
+
+TEST_F(MessageProxy, CallsBeforeTheConnectedEventThrowAndSendNothing) {
+  setenv("MESSAGE_TEST_APP_MODE", "lax", 1);
+  message proxy(&listener, kAppId);
+  auto seen = std::make_shared<Seen>();
+  auto delegate = NewRecorder(seen);
+  bundle *msg = bundle_create();
+
+  EXPECT_THROW(proxy.Send(msg), proxy::NotConnectedSocketException);
+  proxy.Connect();
+  EXPECT_THROW(proxy.SetCB(delegate), proxy::NotConnectedSocketException);
+  EXPECT_THROW(proxy.UnsetCB(), proxy::NotConnectedSocketException);
+  bundle_free(msg);
+  ASSERT_NE(delegate, nullptr);  // still the caller's
+  EXPECT_TRUE(HasProxyLine("Send", "Not connected"));
+  EXPECT_TRUE(HasProxyLine("SetCB", "Not connected"));
+  EXPECT_TRUE(HasProxyLine("UnsetCB", "Not connected"));
+
+  ASSERT_TRUE(testsupport::RunLoopUntil([&] { return listener.connected == 1; }, kConnectMs));
+  ASSERT_EQ(proxy.SetCB(delegate), 0);
+  Send(proxy, "answer", "");
+  ASSERT_TRUE(WaitFor(seen, 1));
+  EXPECT_EQ(seen->commands, std::vector<std::string>{"2,4"});
+}
+
+TEST_F(MessageProxy, ConnectMapsInvalidIdAndPermissionRefusals) {
+  Install("org.velna.test.closedapp", "org.velna.test.someoneelse;");
+  message unknown(&listener, "org.velna.test.notinstalled");
+  EXPECT_THROW(unknown.Connect(), proxy::InvalidIDException);
+  message closed(&listener, "org.velna.test.closedapp");
+  EXPECT_THROW(closed.Connect(), proxy::PermissionDeniedException);
+  EXPECT_TRUE(HasProxyLine("Connect", "Failed to connect message"));
+}
+
+TEST_F(MessageProxy, ConnectMapsAnIoFailureAndOnlyLogsOtherRefusals) {
+  std::string notADirectory = env.root() + "/file";
+  std::ofstream(notADirectory) << "x";
+  setenv("VELNA_RUNTIME_DIR", notADirectory.c_str(), 1);
+  message broken(&listener, kAppId);
+  EXPECT_THROW(broken.Connect(), proxy::InvalidIOException);
+
+  std::string deep = env.root() + "/" + std::string(100, 'd');
+  ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
+  setenv("VELNA_RUNTIME_DIR", deep.c_str(), 1);  // no room left for socket names: -36
+  message cramped(&listener, kAppId);
+  log.clear();
+  EXPECT_NO_THROW(cramped.Connect());
+  EXPECT_TRUE(HasProxyLine("Connect", "Failed to connect message")) << log.dump();
+}
+
+TEST_F(MessageProxy, ResultWaitDiscardsCallbackParcelsOnTheMainPort) {
+  setenv("MESSAGE_TEST_APP_REGISTER_RESULT", "3", 1);
+  auto proxy = Connected("callback-first");
+  auto seen = std::make_shared<Seen>();
+  auto delegate = NewRecorder(seen);
+
+  EXPECT_EQ(proxy->SetCB(delegate), 3);
+  Send(*proxy, "answer", "real");
+  ASSERT_TRUE(WaitFor(seen, 1));
+  EXPECT_EQ(seen->payloads, std::vector<std::string>{"real"});
+}
+
+TEST_F(MessageProxy, PortFailingDuringTheResultWaitThrowsAndKeepsTheDelegate) {
+  auto proxy = Connected("exit-on-register");
+  auto seen = std::make_shared<Seen>();
+  auto delegate = NewRecorder(seen);
+
+  EXPECT_THROW(proxy->SetCB(delegate), proxy::InvalidProtocolException);
+  EXPECT_EQ(delegate, nullptr);
+  EXPECT_TRUE(HasProxyLine("SetCB", "Invalid protocol"));
+  EXPECT_FALSE(seen->destroyed);
+
+  // The disconnection empties the delegate list, so the delegate was in it.
+  ASSERT_TRUE(testsupport::RunLoopUntil([&] { return listener.disconnected == 1; }, 5000));
+  EXPECT_TRUE(seen->destroyed);
+}
+
+TEST_F(MessageProxy, SilentAppTimesOutTheResultWaitAndItsDelegateStillReceives) {
+  setenv("VELNA_RPC_TIMEOUT_MS", "500", 1);
+  auto proxy = Connected("silent-on-register");
+  auto seen = std::make_shared<Seen>();
+  auto delegate = NewRecorder(seen);
+
+  EXPECT_THROW(proxy->SetCB(delegate), proxy::InvalidProtocolException);
+  Send(*proxy, "answer", "late");
+  ASSERT_TRUE(WaitFor(seen, 1));
+  EXPECT_EQ(seen->payloads, std::vector<std::string>{"late"});
+}
+
+TEST_F(MessageProxy, OnceDelegateReceivesOnlyTheFirstInvocation) {
+  auto proxy = Connected("lax");
+  auto once = std::make_shared<Seen>(), many = std::make_shared<Seen>();
+  auto delegate = NewRecorder(once, true);
+  ASSERT_EQ(proxy->SetCB(delegate), 0);
+  delegate = NewRecorder(many, false);
+  ASSERT_EQ(proxy->SetCB(delegate), 0);
+
+  // The lax app invokes both delegates twice each, ignoring the once flag.
+  Send(*proxy, "answer", "p", 2);
+  ASSERT_TRUE(WaitFor(many, 2));
+  EXPECT_EQ(once->payloads.size(), 1u);
+  EXPECT_TRUE(once->destroyed);
+  EXPECT_FALSE(many->destroyed);
+}
+
+TEST_F(MessageProxy, UnknownDelegatesAndOtherCommandsOnTheCallbackPortAreIgnoredSilently) {
+  auto proxy = Connected("lax");
+  auto seen = std::make_shared<Seen>();
+  auto delegate = NewRecorder(seen);
+  ASSERT_EQ(proxy->SetCB(delegate), 0);
+
+  Send(*proxy, "unknown-seq,wrong-command,answer", "valid");
+  ASSERT_TRUE(WaitFor(seen, 1));
+  EXPECT_EQ(seen->payloads, std::vector<std::string>{"valid"});
+  for (const auto &line : log.lines()) EXPECT_NE(line.tag, "RPC_PORT_PROXY") << line.message;
+}
+
+TEST_F(MessageProxy, CallbackWithoutAReadableIdIsDroppedWithAnErrorLine) {
+  auto proxy = Connected("lax");
+  auto seen = std::make_shared<Seen>();
+  auto delegate = NewRecorder(seen);
+  ASSERT_EQ(proxy->SetCB(delegate), 0);
+
+  Send(*proxy, "unreadable-string,answer", "valid");
+  ASSERT_TRUE(WaitFor(seen, 1));
+  EXPECT_EQ(seen->payloads, std::vector<std::string>{"valid"});
+  EXPECT_TRUE(HasProxyLine("OnReceivedEvent", "Failed to read the id of callback 1::0, dropped"))
+      << log.dump();
+}
+
+TEST_F(MessageProxy, DisposeCallbackRemovesTheDelegateWithThatTag) {
+  auto proxy = Connected("lax");
+  auto kept = std::make_shared<Seen>(), disposed = std::make_shared<Seen>();
+  auto delegate = NewRecorder(disposed);
+  std::string tag = delegate->GetTag();
+  ASSERT_EQ(proxy->SetCB(delegate), 0);
+  delegate = NewRecorder(kept);
+  ASSERT_EQ(proxy->SetCB(delegate), 0);
+
+  proxy->DisposeCallback("1::999");
+  EXPECT_FALSE(disposed->destroyed);
+  proxy->DisposeCallback(tag);
+  EXPECT_TRUE(disposed->destroyed);
+
+  Send(*proxy, "answer", "after");
+  ASSERT_TRUE(WaitFor(kept, 1));
+  EXPECT_TRUE(disposed->payloads.empty());
+}
+
+TEST_F(MessageProxy, ListenerExceptionsDoNotEscapeThePlatformHandlers) {
+  listener.throwOnConnected = true;
+  auto proxy = Connected("sdk");
+  EXPECT_TRUE(log.has("Exception in the connected event"));
+  auto seen = std::make_shared<Seen>();
+  auto delegate = NewRecorder(seen);
+  EXPECT_EQ(proxy->SetCB(delegate), 0);  // the port was stored before the listener ran
+}
+
+// A peer that does not speak the interface loses its connection to a companion app.
+TEST_F(MessageProxy, CompanionSdkClosesAConnectionThatSendsAnUnknownCommand) {
+  auto proxy = Connected("sdk");
+  (void)proxy;
+  rpc_port_proxy_h raw = nullptr;
+  ASSERT_EQ(rpc_port_proxy_create(&raw), 0);
+  rpc_port_h port = nullptr;
+  int disconnected = 0;
+  rpc_port_proxy_add_connected_event_cb(
+      raw, [](const char *, const char *, rpc_port_h p, void *out) { *static_cast<rpc_port_h *>(out) = p; },
+      &port);
+  rpc_port_proxy_add_disconnected_event_cb(
+      raw, [](const char *, const char *, void *count) { ++*static_cast<int *>(count); },
+      &disconnected);
+  ASSERT_EQ(rpc_port_proxy_connect(raw, kAppId, "message"), 0);
+  ASSERT_TRUE(testsupport::RunLoopUntil([&] { return port != nullptr; }, kConnectMs));
+
+  rpc_port_parcel_h parcel = nullptr;
+  rpc_port_parcel_create(&parcel);
+  rpc_port_parcel_write_int32(parcel, 9);
+  rpc_port_parcel_send(parcel, port);
+  rpc_port_parcel_destroy(parcel);
+  EXPECT_TRUE(testsupport::RunLoopUntil([&] { return disconnected == 1; }, 5000));
+  rpc_port_proxy_destroy(raw);
+}
+
+}  // namespace
