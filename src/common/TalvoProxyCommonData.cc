@@ -2,30 +2,21 @@
 // and the connection that comes with it.
 #include "common/TalvoProxyCommonData.h"
 
-#include <pthread.h>
 
 #include <new>
 
 #include "common/Log.h"
+#include "common/ProcessWide.h"
 
 namespace {
 
 constexpr const char kBusName[] = "org.velna.talvo.sdk.proxy";
 
-TalvoProxyCommonData *commonDataInstance = nullptr;
-pthread_once_t commonDataOnce = PTHREAD_ONCE_INIT;
 
 }  // namespace
 
-struct CommonDataFactory {
-  // Runs once per process; a failed allocation leaves the instance null for good.
-  static void create() { commonDataInstance = new (std::nothrow) TalvoProxyCommonData(); }
-};
-
 TalvoProxyCommonData *TalvoProxyCommonData::getInstance() {
-  if (commonDataInstance) return commonDataInstance;
-  pthread_once(&commonDataOnce, CommonDataFactory::create);
-  return commonDataInstance;
+  return ProcessWide<TalvoProxyCommonData>::get();
 }
 
 // Asks for the bus name on every call. The owner id is not kept and the name is never

@@ -10,6 +10,9 @@
 
 #include "common/MetaDataInfo.h"
 
+template <typename T>
+class ProcessWide;
+
 class TalvoProxyCommonData {
  public:
   // The process-wide instance, made on first use; null when it could not be allocated.
@@ -28,7 +31,7 @@ class TalvoProxyCommonData {
 
  private:
   TalvoProxyCommonData() = default;
-  friend struct CommonDataFactory;
+  friend class ProcessWide<TalvoProxyCommonData>;
 
   static void _dbusAcquiredCb(GDBusConnection *connection, const gchar *name,
                               gpointer userData);

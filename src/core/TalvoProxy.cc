@@ -1,10 +1,10 @@
 #include "core/TalvoProxy.h"
 
-#include <pthread.h>
 
 #include <new>
 
 #include "common/Log.h"
+#include "common/ProcessWide.h"
 #include "common/TalvoProxyCommonData.h"
 #include "ipc/TalvoProxyIpc.h"
 #include "requests/TalvoProxyActionRequest.h"
@@ -14,21 +14,9 @@ namespace {
 
 constexpr int kNotInitialized = -1073741825;  // 0xBFFFFFFF
 
-TalvoProxy *proxyInstance = nullptr;
-pthread_once_t proxyOnce = PTHREAD_ONCE_INIT;
-
 }  // namespace
 
-struct ProxyFactory {
-  // Runs once per process; a failed allocation leaves the instance null for good.
-  static void create() { proxyInstance = new (std::nothrow) TalvoProxy(); }
-};
-
-TalvoProxy *TalvoProxy::getInstance() {
-  if (proxyInstance) return proxyInstance;
-  pthread_once(&proxyOnce, ProxyFactory::create);
-  return proxyInstance;
-}
+TalvoProxy *TalvoProxy::getInstance() { return ProcessWide<TalvoProxy>::get(); }
 
 // Start-up order: IPC, action request, state request, common data; their own results
 // are not examined. When a component instance is absent the proxy goes back to not

@@ -14,6 +14,9 @@ class TalvoProxyActionRequest;
 class TalvoProxyStateRequest;
 class TalvoProxyCommonData;
 
+template <typename T>
+class ProcessWide;
+
 class TalvoProxy {
  public:
   // The process-wide instance, made on first use; null when it could not be allocated.
@@ -36,7 +39,7 @@ class TalvoProxy {
 
  private:
   TalvoProxy() = default;
-  friend struct ProxyFactory;
+  friend class ProcessWide<TalvoProxy>;
 
   bool initialized = false;
   // The components' own process-wide instances: borrowed, never freed, never cleared.

@@ -26,58 +26,34 @@ constexpr int kInvalidArgument = -22;
     return failure;                                     \
   }
 
-int talvo_proxy_initialize(void) {
-  try {
-    TalvoProxy *proxy = TalvoProxy::getInstance();
-    if (!proxy) {
-      LOGE("TalvoProxy instance is null");
-      return kOutOfMemory;
-    }
-    return proxy->initialize();
-  }
-  TALVO_CATCH_ALL(kOutOfMemory)
-}
+// Forwards to the process-wide TalvoProxy inside a catch-all; an absent instance is
+// logged and answered with failure. A macro, so that every line carries the exported
+// function's own name.
+#define TALVO_FORWARD(failure, call)          \
+  try {                                       \
+    TalvoProxy *proxy = TalvoProxy::getInstance(); \
+    if (!proxy) {                             \
+      LOGE("TalvoProxy instance is null");    \
+      return failure;                         \
+    }                                         \
+    return proxy->call;                       \
+  }                                           \
+  TALVO_CATCH_ALL(failure)
 
-int talvo_proxy_deinitialize(void) {
-  try {
-    TalvoProxy *proxy = TalvoProxy::getInstance();
-    if (!proxy) {
-      LOGE("TalvoProxy instance is null");
-      return kOutOfMemory;
-    }
-    return proxy->deinitialize();
-  }
-  TALVO_CATCH_ALL(kOutOfMemory)
-}
+int talvo_proxy_initialize(void) { TALVO_FORWARD(kOutOfMemory, initialize()) }
 
-char *talvo_proxy_get_focused_app_id(void) {
-  try {
-    TalvoProxy *proxy = TalvoProxy::getInstance();
-    if (!proxy) {
-      LOGE("TalvoProxy instance is null");
-      return nullptr;
-    }
-    return proxy->getFocusedAppId();
-  }
-  TALVO_CATCH_ALL(nullptr)
-}
+int talvo_proxy_deinitialize(void) { TALVO_FORWARD(kOutOfMemory, deinitialize()) }
 
+char *talvo_proxy_get_focused_app_id(void) { TALVO_FORWARD(nullptr, getFocusedAppId()) }
+
+// A null app id cannot become the owned string that the request paths key on.
 int talvo_proxy_app_state_request(const char *app_id, bundle *data,
                                   talvo_proxy_result_cb callback, void *user_data) {
   if (!app_id) {
     LOGE("app_id is null");
     return kInvalidArgument;
   }
-
-  try {
-    TalvoProxy *proxy = TalvoProxy::getInstance();
-    if (!proxy) {
-      LOGE("TalvoProxy instance is null");
-      return kOutOfMemory;
-    }
-    return proxy->requestAppState(std::string(app_id), data, callback, user_data);
-  }
-  TALVO_CATCH_ALL(kOutOfMemory)
+  TALVO_FORWARD(kOutOfMemory, requestAppState(std::string(app_id), data, callback, user_data))
 }
 
 int talvo_proxy_app_action_execution(const char *app_id, bundle *data,
@@ -86,14 +62,5 @@ int talvo_proxy_app_action_execution(const char *app_id, bundle *data,
     LOGE("app_id is null");
     return kInvalidArgument;
   }
-
-  try {
-    TalvoProxy *proxy = TalvoProxy::getInstance();
-    if (!proxy) {
-      LOGE("TalvoProxy instance is null");
-      return kOutOfMemory;
-    }
-    return proxy->executeAction(std::string(app_id), data, callback, user_data);
-  }
-  TALVO_CATCH_ALL(kOutOfMemory)
+  TALVO_FORWARD(kOutOfMemory, executeAction(std::string(app_id), data, callback, user_data))
 }

@@ -3,11 +3,11 @@
 #include "ipc/TalvoProxyIpc.h"
 
 #include <message_port.h>
-#include <pthread.h>
 
 #include <new>
 
 #include "common/Log.h"
+#include "common/ProcessWide.h"
 #include "ipc/Observer.h"
 #include "ipc/TalvoProxyIpcInternal.h"
 #include "message/message.h"
@@ -48,17 +48,7 @@ void ReleaseFocusedInfo(AppFocusedInfo *record) {
 
 using namespace talvo::ipc;
 
-struct IpcFactory {
-  static TalvoProxyIpc *instance;
-  static void create() { instance = new (std::nothrow) TalvoProxyIpc(); }
-};
-TalvoProxyIpc *IpcFactory::instance = nullptr;
-
-TalvoProxyIpc *TalvoProxyIpc::getInstance() {
-  static pthread_once_t once = PTHREAD_ONCE_INIT;
-  pthread_once(&once, IpcFactory::create);
-  return IpcFactory::instance;
-}
+TalvoProxyIpc *TalvoProxyIpc::getInstance() { return ProcessWide<TalvoProxyIpc>::get(); }
 
 int TalvoProxyIpc::initialize() {
   if (initialized) {

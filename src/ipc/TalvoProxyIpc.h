@@ -54,6 +54,9 @@ struct ClientRemoveData {
   std::string appId;
 };
 
+template <typename T>
+class ProcessWide;
+
 class TalvoProxyIpc {
  public:
   static TalvoProxyIpc *getInstance();
@@ -108,5 +111,5 @@ class TalvoProxyIpc {
 
  private:
   TalvoProxyIpc() = default;
-  friend struct IpcFactory;
+  friend class ProcessWide<TalvoProxyIpc>;
 };

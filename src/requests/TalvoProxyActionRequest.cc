@@ -1,32 +1,16 @@
 #include "requests/TalvoProxyActionRequest.h"
 
-#include <pthread.h>
 
 #include <cstring>
 #include <memory>
 #include <new>
 
 #include "common/Log.h"
+#include "common/ProcessWide.h"
 #include "common/TalvoProxyCommonData.h"
 
-namespace {
-
-TalvoProxyActionRequest *actionRequestInstance = nullptr;
-pthread_once_t actionRequestOnce = PTHREAD_ONCE_INIT;
-
-}  // namespace
-
-struct ActionRequestFactory {
-  // Runs once per process; a failed allocation leaves the instance null for good.
-  static void create() {
-    actionRequestInstance = new (std::nothrow) TalvoProxyActionRequest();
-  }
-};
-
 TalvoProxyActionRequest *TalvoProxyActionRequest::getInstance() {
-  if (actionRequestInstance) return actionRequestInstance;
-  pthread_once(&actionRequestOnce, ActionRequestFactory::create);
-  return actionRequestInstance;
+  return ProcessWide<TalvoProxyActionRequest>::get();
 }
 
 int TalvoProxyActionRequest::initialize() {

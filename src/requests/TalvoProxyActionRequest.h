@@ -15,6 +15,9 @@ struct ActionExecutionResultInfo {
   void *userData = nullptr;  // the client's, handed back unchanged
 };
 
+template <typename T>
+class ProcessWide;
+
 class TalvoProxyActionRequest {
  public:
   // The process-wide instance, made on first use; null when it could not be allocated.
@@ -34,7 +37,7 @@ class TalvoProxyActionRequest {
 
  private:
   TalvoProxyActionRequest() = default;
-  friend struct ActionRequestFactory;
+  friend class ProcessWide<TalvoProxyActionRequest>;
 
   bool initialized = false;
   std::map<std::string, ActionExecutionResultInfo *> actionResultInfoMap;  // owns records

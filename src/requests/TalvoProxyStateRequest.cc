@@ -2,13 +2,13 @@
 
 #include <app_manager.h>
 #include <json-glib/json-glib.h>
-#include <pthread.h>
 
 #include <cstring>
 #include <memory>
 #include <new>
 
 #include "common/Log.h"
+#include "common/ProcessWide.h"
 
 namespace {
 
@@ -20,8 +20,6 @@ constexpr const char kMissingParameterMsg[] = "Json failure because of missing p
 // treated as text that does not parse.
 constexpr int kMaxContextDepth = 1024;
 
-TalvoProxyStateRequest *stateRequestInstance = nullptr;
-pthread_once_t stateRequestOnce = PTHREAD_ONCE_INIT;
 
 struct GObjectUnref {
   void operator()(gpointer object) const { g_object_unref(object); }
@@ -102,15 +100,8 @@ GTextPtr buildEnvelope(const std::string &appId, const char *version, const char
 
 }  // namespace
 
-struct StateRequestFactory {
-  // Runs once per process; a failed allocation leaves the instance null for good.
-  static void create() { stateRequestInstance = new (std::nothrow) TalvoProxyStateRequest(); }
-};
-
 TalvoProxyStateRequest *TalvoProxyStateRequest::getInstance() {
-  if (stateRequestInstance) return stateRequestInstance;
-  pthread_once(&stateRequestOnce, StateRequestFactory::create);
-  return stateRequestInstance;
+  return ProcessWide<TalvoProxyStateRequest>::get();
 }
 
 int TalvoProxyStateRequest::initialize() {

@@ -16,6 +16,9 @@ struct StateRequestResultInfo {
   void *userData = nullptr;  // the client's, handed back unchanged
 };
 
+template <typename T>
+class ProcessWide;
+
 class TalvoProxyStateRequest {
  public:
   // The process-wide instance, made on first use; null when it could not be allocated.
@@ -39,7 +42,7 @@ class TalvoProxyStateRequest {
 
  private:
   TalvoProxyStateRequest() = default;
-  friend struct StateRequestFactory;
+  friend class ProcessWide<TalvoProxyStateRequest>;
 
   bool initialized = false;
   std::map<std::string, StateRequestResultInfo *> stateResultInfoMap;  // owns records

@@ -114,7 +114,8 @@ void AppExplainer::probeReachability(Facts *facts) {
   rpc_port_proxy_add_rejected_event_cb(proxy, OnProbeRefused, &probe);
   rpc_port_proxy_add_disconnected_event_cb(proxy, OnProbeRefused, &probe);
   int r = rpc_port_proxy_connect(proxy, facts->appId.c_str(), "message");
-  if (r == 0) velna_main_loop_run_until([](void *p) { return static_cast<RpcProbe *>(p)->done; }, &probe, 3000);
+  auto done = [](void *p) { return static_cast<RpcProbe *>(p)->done; };
+  if (r == 0) velna_main_loop_run_until(done, &probe, 3000);
   rpc_port_proxy_destroy(proxy);
   facts->reachable = probe.connected;
   facts->reachableHow = probe.connected ? "its rpc-port \"message\" accepts connections"

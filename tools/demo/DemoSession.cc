@@ -141,7 +141,8 @@ void DemoSession::stepFocus() {
   gint64 start = g_get_monotonic_time();
   bool focused = FocusOwnWindow();
   int turns = 0;  // let the library's bus-acquired handler run
-  velna_main_loop_run_until([](void *n) { return ++*static_cast<int *>(n) > 20; }, &turns, 500);
+  auto settled = [](void *n) { return ++*static_cast<int *>(n) > 20; };
+  velna_main_loop_run_until(settled, &turns, 500);
   char *id = talvo_proxy_get_focused_app_id();
   const char *self = std::getenv("VELNA_APP_ID");
   bool ok = focused && id && self && std::strcmp(id, self) == 0;
