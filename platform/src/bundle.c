@@ -7,8 +7,9 @@
  *     str array:    element count, then per element: length, bytes
  * The decoder checks every count and length against the bytes that remain before it
  * allocates anything, and rejects unknown types, empty or NUL-holding keys, NUL bytes
- * inside strings, duplicate keys and trailing bytes. */
-#include <bundle.h>
+ * inside strings, duplicate keys and trailing bytes. A bundle decoded for a transport
+ * (bundle_decode_view) lets its large byte values point into the transport's buffer. */
+#include "bundle_internal.h"
 
 #include <errno.h>
 #include <glib.h>
@@ -25,7 +26,9 @@ struct keyval_t {
         struct keyval_t *next;
         char *key;
         int type;
-        void *value;       /* basic types: the value (a string keeps its NUL) */
+        void *value;       /* basic types: the value (a string keeps its NUL); owned
+                              unless borrowed */
+        bool borrowed;     /* value points into a decoded buffer that outlives the bundle */
         size_t size;       /* basic types: bytes of value, a string's NUL included */
         char **items;      /* str array: count strings and a NULL */
         size_t count;
@@ -51,7 +54,8 @@ static void entry_free(struct keyval_t *kv)
         for (size_t i = 0; kv->items && i < kv->count; i++)
                 free(kv->items[i]);
         free(kv->items);
-        free(kv->value);
+        if (!kv->borrowed)
+                free(kv->value);
         free(kv->key);
         free(kv);
 }
@@ -106,6 +110,16 @@ static int entry_set_value(struct keyval_t *kv, const void *bytes, size_t size, 
                 memcpy(kv->value, bytes, size);
         ((char *)kv->value)[size] = '\0';
         kv->size = stored;
+        return 0;
+}
+
+/* A byte value that stays in the decoded buffer, which bundle_decode_view's caller
+ * keeps alive (and writable) for as long as the bundle. */
+static int entry_borrow_value(struct keyval_t *kv, const unsigned char *bytes, size_t size)
+{
+        kv->value = (void *)bytes;
+        kv->size = size;
+        kv->borrowed = true;
         return 0;
 }
 
@@ -258,7 +272,8 @@ static int decode_items(reader *r, struct keyval_t *kv)
         return 0;
 }
 
-static int decode_entry(reader *r, bundle *b)
+/* With view, a large byte value is borrowed from the input instead of copied. */
+static int decode_entry(reader *r, bundle *b, bool view)
 {
         uint32_t type;
         const unsigned char *key, *value;
@@ -282,8 +297,12 @@ static int decode_entry(reader *r, bundle *b)
         else if (type == BUNDLE_TYPE_STR)
                 res = get_string(r, &value, &len) ? entry_set_value(kv, value, len, len + 1)
                                                   : -EINVAL;
+        else if (!get_blob(r, &value, &len))
+                res = -EINVAL;
+        else if (view && len >= BUNDLE_VIEW_MIN)
+                res = entry_borrow_value(kv, value, len);
         else
-                res = get_blob(r, &value, &len) ? entry_set_value(kv, value, len, len) : -EINVAL;
+                res = entry_set_value(kv, value, len, len);
         if (res < 0)
                 goto fail;
 
@@ -292,6 +311,35 @@ static int decode_entry(reader *r, bundle *b)
 fail:
         entry_free(kv);
         return res;
+}
+
+static int decode(const unsigned char *raw, size_t len, bool view, bundle **out)
+{
+        if (!raw || !out)
+                return -EINVAL;
+
+        reader r = { raw, len };
+        uint32_t magic, version, count;
+        if (!get_u32(&r, &magic) || !get_u32(&r, &version) || !get_u32(&r, &count))
+                return -EINVAL;
+        if (magic != BUNDLE_MAGIC || version != BUNDLE_VERSION ||
+            count > r.left / ENTRY_MIN_ENCODED)
+                return -EINVAL;
+
+        bundle *b = bundle_create();
+        if (!b)
+                return -ENOMEM;
+        int res = 0;
+        for (uint32_t i = 0; i < count && res == 0; i++)
+                res = decode_entry(&r, b, view);
+        if (res == 0 && r.left != 0)
+                res = -EINVAL;
+        if (res < 0) {
+                bundle_free(b);
+                return res;
+        }
+        *out = b;
+        return 0;
 }
 
 bundle *bundle_create(void)
@@ -482,9 +530,9 @@ int bundle_keyval_get_basic_val(bundle_keyval_t *kv, void **val, size_t *size)
         return 0;
 }
 
-int bundle_encode_raw(bundle *b, unsigned char **raw, size_t *len)
+int bundle_encoded_size(bundle *b, size_t *len)
 {
-        if (!b || !raw || !len)
+        if (!b || !len)
                 return -EINVAL;
 
         bool fits = true;
@@ -493,15 +541,32 @@ int bundle_encode_raw(bundle *b, unsigned char **raw, size_t *len)
                 total += encoded_entry_size(kv, &fits);
         if (!fits)
                 return -EINVAL;
+        *len = total;
+        return 0;
+}
 
-        unsigned char *out = malloc(total);
-        if (!out)
-                return -ENOMEM;
+void bundle_encode_into(bundle *b, unsigned char *out)
+{
         unsigned char *p = put_u32(out, BUNDLE_MAGIC);
         p = put_u32(p, BUNDLE_VERSION);
         p = put_u32(p, (uint32_t)b->count);
         for (const struct keyval_t *kv = b->head; kv; kv = kv->next)
                 p = encode_entry(p, kv);
+}
+
+int bundle_encode_raw(bundle *b, unsigned char **raw, size_t *len)
+{
+        if (!b || !raw || !len)
+                return -EINVAL;
+
+        size_t total;
+        int r = bundle_encoded_size(b, &total);
+        if (r < 0)
+                return r;
+        unsigned char *out = malloc(total);
+        if (!out)
+                return -ENOMEM;
+        bundle_encode_into(b, out);
 
         *raw = out;
         *len = total;
@@ -510,29 +575,10 @@ int bundle_encode_raw(bundle *b, unsigned char **raw, size_t *len)
 
 int bundle_decode_raw(const unsigned char *raw, size_t len, bundle **out)
 {
-        if (!raw || !out)
-                return -EINVAL;
+        return decode(raw, len, false, out);
+}
 
-        reader r = { raw, len };
-        uint32_t magic, version, count;
-        if (!get_u32(&r, &magic) || !get_u32(&r, &version) || !get_u32(&r, &count))
-                return -EINVAL;
-        if (magic != BUNDLE_MAGIC || version != BUNDLE_VERSION ||
-            count > r.left / ENTRY_MIN_ENCODED)
-                return -EINVAL;
-
-        bundle *b = bundle_create();
-        if (!b)
-                return -ENOMEM;
-        int res = 0;
-        for (uint32_t i = 0; i < count && res == 0; i++)
-                res = decode_entry(&r, b);
-        if (res == 0 && r.left != 0)
-                res = -EINVAL;
-        if (res < 0) {
-                bundle_free(b);
-                return res;
-        }
-        *out = b;
-        return 0;
+int bundle_decode_view(unsigned char *raw, size_t len, bundle **out)
+{
+        return decode(raw, len, true, out);
 }

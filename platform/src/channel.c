@@ -7,6 +7,12 @@
  * consumer drains with velna_channel_take_frame. Reading stops while the incoming queue
  * holds more than VELNA_CHANNEL_MAX_QUEUED_IN bytes and resumes once frames are taken.
  *
+ * Large payload buffers are the costly part of a large frame: the kernel supplies and
+ * zeroes fresh pages for each one, as the allocator hands such blocks back after use. So
+ * a channel keeps one spare: the last large buffer it wrote out or was given back by the
+ * consumer, reused for the next large frame of similar size in either direction and
+ * freed once a tick of SPARE_IDLE_MS passes without use, or when the channel ends.
+ *
  * Handlers run with dispatch_depth raised; velna_channel_close from inside only marks
  * the channel and the outermost dispatch frees it. Failures noticed outside a dispatch
  * (a send, a blocking take, a flush) are reported on a later loop turn, never from
@@ -42,6 +48,10 @@
 #define WRITE_IOV_MAX 64
 /* Payloads from this size on get their pages in bulk. */
 #define LARGE_FRAME (4u * 1024u * 1024u)
+/* Buffers from this size on are kept as a channel's spare. */
+#define SPARE_MIN (256u * 1024u)
+/* A spare unused for this long is freed. */
+#define SPARE_IDLE_MS 1000
 /* Longest a connect may wait for a full listen backlog. */
 #define CONNECT_TIMEOUT_MS 1000
 
@@ -72,6 +82,12 @@ struct velna_channel {
         guint in_watch;
         guint out_watch;
         guint notify_idle;   /* reports frames read synchronously, or a late failure */
+        guint spare_timer;   /* ticks while a spare may be held */
+
+        /* Owned; at least spare_cap bytes, malloc'd; NULL when none is kept. */
+        unsigned char *spare;
+        size_t spare_cap;
+        bool spare_used;     /* taken or given back since the last tick */
 
         /* Output queue. */
         out_buf *out_head;
@@ -196,11 +212,81 @@ static void remove_source(guint *id)
         }
 }
 
+/* ---- payload buffers ---- */
+
+/* A new buffer for a payload of len bytes. A large one is filled in one go right after,
+ * so its pages are asked for in bulk (huge pages where the system offers them on
+ * request) rather than faulted in one by one. */
+static unsigned char *buffer_new(size_t len)
+{
+        unsigned char *p = malloc(len ? len : 1);
+        if (p && len >= LARGE_FRAME) {
+                const uintptr_t huge = 2u * 1024u * 1024u;
+                uintptr_t start = ((uintptr_t)p + huge - 1) & ~(huge - 1);
+                uintptr_t end = ((uintptr_t)p + len) & ~(huge - 1);
+                if (end > start)
+                        madvise((void *)start, end - start, MADV_HUGEPAGE);
+        }
+        return p;
+}
+
+static void spare_drop(velna_channel *ch)
+{
+        remove_source(&ch->spare_timer);
+        free(ch->spare);
+        ch->spare = NULL;
+        ch->spare_cap = 0;
+}
+
+static gboolean on_spare_tick(gpointer data)
+{
+        velna_channel *ch = data;
+        if (ch->spare_used) {
+                ch->spare_used = false;
+                return G_SOURCE_CONTINUE;
+        }
+        ch->spare_timer = 0; /* this source ends by returning G_SOURCE_REMOVE */
+        spare_drop(ch);
+        return G_SOURCE_REMOVE;
+}
+
+/* A buffer of at least len bytes (the caller's; free with free()): the spare when it
+ * fits and not more than half of it would lie unused, else a new one. */
+static unsigned char *buffer_get(velna_channel *ch, size_t len)
+{
+        if (ch->spare && len <= ch->spare_cap && len >= ch->spare_cap / 2) {
+                unsigned char *p = ch->spare;
+                ch->spare = NULL;
+                ch->spare_cap = 0;
+                ch->spare_used = true;
+                return p;
+        }
+        return buffer_new(len);
+}
+
+/* Takes a malloc'd buffer whose first len bytes are usable: kept as the spare when it
+ * is large (replacing an older spare: the newest size is the likeliest next one), else
+ * freed. */
+static void buffer_put(velna_channel *ch, unsigned char *p, size_t len)
+{
+        if (!p || len < SPARE_MIN || ch->failed || ch->closing) {
+                free(p);
+                return;
+        }
+        free(ch->spare);
+        ch->spare = p;
+        ch->spare_cap = len;
+        ch->spare_used = true;
+        if (!ch->spare_timer)
+                ch->spare_timer = g_timeout_add(SPARE_IDLE_MS, on_spare_tick, ch);
+}
+
 static void channel_free(velna_channel *ch)
 {
         remove_source(&ch->in_watch);
         remove_source(&ch->out_watch);
         remove_source(&ch->notify_idle);
+        spare_drop(ch);
         if (ch->fd >= 0)
                 close(ch->fd);
         drop_output(ch);
@@ -282,6 +368,7 @@ static void channel_fail(velna_channel *ch)
                 ch->fd = -1;
         }
         drop_output(ch);
+        spare_drop(ch);
         free(ch->frame);
         ch->frame = NULL;
         ch->frame_len = ch->frame_have = 0;
@@ -336,7 +423,7 @@ static int write_some(velna_channel *ch)
                         ch->out_head = b->next;
                         if (!ch->out_head)
                                 ch->out_tail = NULL;
-                        free(b->data);
+                        buffer_put(ch, b->data, b->len);
                         free(b);
                 }
         }
@@ -371,22 +458,6 @@ static gboolean on_writable(gint fd, GIOCondition cond, gpointer data)
 /* ---- reading ---- */
 
 static gboolean on_readable(gint fd, GIOCondition cond, gpointer data);
-
-/* A buffer for an incoming payload. A large one is read in one go right after, so its
- * pages are asked for in bulk (huge pages where the system offers them on request)
- * rather than faulted in one by one. */
-static unsigned char *frame_alloc(size_t len)
-{
-        unsigned char *p = malloc(len ? len : 1);
-        if (p && len >= LARGE_FRAME) {
-                const uintptr_t huge = 2u * 1024u * 1024u;
-                uintptr_t start = ((uintptr_t)p + huge - 1) & ~(huge - 1);
-                uintptr_t end = ((uintptr_t)p + len) & ~(huge - 1);
-                if (end > start)
-                        madvise((void *)start, end - start, MADV_HUGEPAGE);
-        }
-        return p;
-}
 
 static void push_frame(velna_channel *ch)
 {
@@ -444,7 +515,7 @@ static read_status consume(velna_channel *ch, const unsigned char *p, size_t n)
                                 return READ_BAD_FRAME;
                         }
                         ch->hdr_have = 0;
-                        ch->frame = frame_alloc(len);
+                        ch->frame = buffer_get(ch, len);
                         if (!ch->frame) {
                                 dlog_print(DLOG_ERROR, LOG_TAG,
                                            "dropping peer pid %d: out of memory for a frame of %u bytes",
@@ -675,7 +746,7 @@ static int send_frame(velna_channel *ch, unsigned char *payload, size_t len, boo
                 sent = w > 0 ? (size_t)w : 0;
                 if (sent == total) {
                         if (owned)
-                                free(payload);
+                                buffer_put(ch, payload, len);
                         return 0;
                 }
         }
@@ -728,6 +799,11 @@ int velna_channel_send(velna_channel *channel, const void *payload, size_t len)
 int velna_channel_send_owned(velna_channel *channel, void *payload, size_t len)
 {
         return send_frame(channel, payload, len, true);
+}
+
+unsigned char *velna_channel_payload_alloc(velna_channel *channel, size_t len)
+{
+        return channel ? buffer_get(channel, len) : buffer_new(len);
 }
 
 static in_frame *pop_frame(velna_channel *ch)
@@ -800,6 +876,14 @@ int velna_channel_take_frame(velna_channel *channel, int timeout_ms, unsigned ch
         return 0;
 }
 
+void velna_channel_recycle(velna_channel *channel, unsigned char *payload, size_t len)
+{
+        if (channel)
+                buffer_put(channel, payload, len);
+        else
+                free(payload);
+}
+
 size_t velna_channel_pending(velna_channel *channel)
 {
         return channel ? channel->in_count : 0;
@@ -830,6 +914,7 @@ void velna_channel_close(velna_channel *channel)
         remove_source(&channel->in_watch);
         remove_source(&channel->out_watch);
         remove_source(&channel->notify_idle);
+        spare_drop(channel);
         if (channel->fd >= 0) {
                 close(channel->fd);
                 channel->fd = -1;

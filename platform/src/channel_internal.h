@@ -43,16 +43,25 @@ int velna_channel_connect(const char *path, uint32_t max_frame, velna_channel **
  * over max_frame, -11 past VELNA_CHANNEL_MAX_QUEUED_OUT, -5 (EPIPE/ECONNRESET: the peer
  * is gone), -12. Never raises SIGPIPE. */
 int velna_channel_send(velna_channel *channel, const void *payload, size_t len);
-/* As velna_channel_send, but on success takes over payload (malloc'd; freed with free()
- * once written), so that a large frame is never copied. On failure it stays the caller's. */
+/* As velna_channel_send, but on success takes over payload (malloc'd, at least len bytes;
+ * released once written), so that a large frame is never copied. On failure it stays the
+ * caller's. */
 int velna_channel_send_owned(velna_channel *channel, void *payload, size_t len);
+/* A malloc'd buffer of at least len bytes for a payload, the caller's (hand it to
+ * velna_channel_send_owned or free it): the channel's spare large buffer when one fits,
+ * else a new one. NULL when out of memory. */
+unsigned char *velna_channel_payload_alloc(velna_channel *channel, size_t len);
 
-/* Takes the oldest queued incoming frame: 0 and a newly allocated payload (free with
- * free()). With none queued it waits, reading (and flushing queued output), at most
+/* Takes the oldest queued incoming frame: 0 and a malloc'd payload that becomes the
+ * caller's (free it with free(), or give it back with velna_channel_recycle). With none queued it waits, reading (and flushing queued output), at most
  * timeout_ms (0: no wait, negative: VELNA_RPC_TIMEOUT_MS or 25000): -11 when the wait
  * ends without a frame, -5 once the peer is gone and nothing is queued. */
 int velna_channel_take_frame(velna_channel *channel, int timeout_ms, unsigned char **payload,
                              size_t *len);
+/* Takes back a payload of len bytes that velna_channel_take_frame handed out, once its
+ * consumer is done with it, so that a large buffer serves a later frame; a small one is
+ * freed. */
+void velna_channel_recycle(velna_channel *channel, unsigned char *payload, size_t len);
 /* Number of whole frames in the incoming queue. */
 size_t velna_channel_pending(velna_channel *channel);
 bool velna_channel_is_open(velna_channel *channel);

@@ -21,6 +21,7 @@
 
 #include <dlog.h>
 
+#include "bundle_internal.h"
 #include "channel_internal.h"
 #include "runtime_internal.h"
 
@@ -96,10 +97,12 @@ static void on_conn_frame(velna_channel *channel, void *user_data)
         if (velna_channel_take_frame(channel, 0, &raw, &len) < 0)
                 return;
 
+        /* The message's large byte values stay in raw, which outlives it: the layer frees
+         * the message right after the callback. */
         bundle *message = NULL;
-        int r = bundle_decode_raw(raw, len, &message);
-        free(raw);
+        int r = bundle_decode_view(raw, len, &message);
         if (r < 0) {
+                free(raw);
                 dlog_print(DLOG_WARN, LOG_TAG,
                            "message port %s: dropping sender pid %d: undecodable message of %zu bytes (%d)",
                            conn->port->name, (int)velna_channel_peer_pid(channel), len, r);
@@ -111,6 +114,7 @@ static void on_conn_frame(velna_channel *channel, void *user_data)
         const char *remote = conn_remote_app_id(conn);
         port->callback(port->id, remote, NULL, false, message, port->user_data);
         bundle_free(message);
+        velna_channel_recycle(channel, raw, len); /* still valid: we are in its handler */
 }
 
 static void on_conn_closed(velna_channel *channel, void *user_data)
@@ -385,9 +389,8 @@ int message_port_send_message(const char *remote_app_id, const char *remote_port
         if (!velna_app_id_is_valid(remote_app_id) || !remote_port || !*remote_port || !message)
                 return -EINVAL;
 
-        unsigned char *raw = NULL;
         size_t len = 0;
-        int r = bundle_encode_raw(message, &raw, &len);
+        int r = bundle_encoded_size(message, &len);
         if (r < 0)
                 return r;
         if (len > MESSAGE_PORT_MAX_MESSAGE_SIZE) {
@@ -395,37 +398,48 @@ int message_port_send_message(const char *remote_app_id, const char *remote_port
                            "message to %s port %s refused: %zu bytes encoded, over the limit "
                            "of %u bytes", remote_app_id, remote_port, len,
                            MESSAGE_PORT_MAX_MESSAGE_SIZE);
-                free(raw);
                 return -EMSGSIZE;
         }
 
         char *key = dest_key(remote_app_id, remote_port);
-        if (!key) {
-                free(raw);
+        if (!key)
                 return -ENOMEM;
-        }
 
         /* The cached connection first: a peer that went away (the app restarted) shows
          * as -5, and one fresh connection is tried. */
-        r = -EIO;
+        unsigned char *raw = NULL;
         mp_dest *dest = dests ? g_hash_table_lookup(dests, key) : NULL;
-        if (dest && velna_channel_is_open(dest->channel))
-                r = velna_channel_send_owned(dest->channel, raw, len);
-        if (r == -EIO) {
+        velna_channel *channel = dest ? dest->channel : NULL;
+        bool cached = channel && velna_channel_is_open(channel);
+        if (!cached) {
                 if (dest)
                         g_hash_table_remove(dests, key);
-                velna_channel *channel = NULL;
+                r = dest_connect(remote_app_id, remote_port, key, &channel);
+                if (r < 0)
+                        goto out;
+        }
+
+        /* Encoded straight into the buffer that the channel sends from. */
+        raw = velna_channel_payload_alloc(channel, len);
+        if (!raw) {
+                r = -ENOMEM;
+                goto out;
+        }
+        bundle_encode_into(message, raw);
+        r = velna_channel_send_owned(channel, raw, len);
+        if (r == -EIO && cached) {
+                g_hash_table_remove(dests, key);
                 r = dest_connect(remote_app_id, remote_port, key, &channel);
                 if (r == 0)
                         r = velna_channel_send_owned(channel, raw, len);
         }
         if (r == 0)
-                raw = NULL; /* the channel frees it once written */
+                raw = NULL; /* the channel releases it once written */
         if (r == -EAGAIN)
                 dlog_print(DLOG_ERROR, LOG_TAG,
                            "message to %s port %s refused: more than %u bytes already queued",
                            remote_app_id, remote_port, MESSAGE_PORT_MAX_QUEUED);
-
+out:
         free(key);
         free(raw);
         return r;

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "Bundles.h"
 #include "LogCapture.h"
 #include "TempEnv.h"
 #include "common/MetaDataKeys.h"
@@ -12,10 +13,7 @@
 
 namespace {
 
-struct BundleFree {
-  void operator()(bundle *b) const { bundle_free(b); }
-};
-using BundlePtr = std::unique_ptr<bundle, BundleFree>;
+using testsupport::BundlePtr;
 
 BundlePtr RequestBundle(const char *capsuleId, const char *version, const char *sdkVersion) {
   BundlePtr b(bundle_create());
@@ -133,26 +131,6 @@ TEST_F(MetaDataRegistryTest, FailedReadingLeavesNoEntry) {
   env.installRaw("org.velna.test.music", "this is not a key file\n");
   EXPECT_EQ(registry->ExtractMetaData("org.velna.test.music", nullptr), nullptr);
   EXPECT_EQ(registry->GetMetaDataInfo("org.velna.test.music"), nullptr);
-}
-
-TEST_F(MetaDataRegistryTest, RemovingEntriesAndEmptyingTheRegistry) {
-  BundlePtr data = RequestBundle("cap", "1.0", "1.1.0");
-  ASSERT_NE(registry->ExtractMetaData("org.velna.test.a", data.get()), nullptr);
-  ASSERT_NE(registry->ExtractMetaData("org.velna.test.b", data.get()), nullptr);
-
-  registry->RemoveMetaDataMapEntry("org.velna.test.a");
-  EXPECT_TRUE(log.has("Remove metaDataMap size(1)"));
-  EXPECT_EQ(registry->GetMetaDataInfo("org.velna.test.a"), nullptr);
-
-  log.clear();
-  registry->RemoveMetaDataMapEntry("org.velna.test.unknown");
-  EXPECT_TRUE(log.has("MetaDataMap entry not found for :org.velna.test.unknown"));
-  EXPECT_TRUE(log.has("MetaDataInfo is null"));
-
-  log.clear();
-  EXPECT_EQ(registry->deinitialize(), 0);
-  EXPECT_TRUE(log.lines().empty()) << log.dump();
-  EXPECT_EQ(registry->GetMetaDataInfo("org.velna.test.b"), nullptr);
 }
 
 }  // namespace

@@ -18,21 +18,21 @@ class E2eMessagePort : public E2eFixture {};
 class E2eRpcPort : public E2eFixture {};
 
 TEST_F(E2eMessagePort, ActionToARunningAppIsAnswered) {
-  installPortApp();
-  startApp(kPortApp, true);
+  env->installSample(kPortApp);
+  ASSERT_TRUE(env->launch(kPortApp, "TALVO_APP_SDK_PORT_516"));
 
   BundlePtr request = MakeBundle({{"actionId", "playMusic"}});
   ASSERT_EQ(0, talvo_proxy_app_action_execution(kPortApp, request.get(), onAction, kFirst));
   ASSERT_TRUE(waitForCalls(1, 5000)) << log.dump();
 
   EXPECT_EQ(kPortApp, calls[0].appId);
-  EXPECT_EQ("action:first", calls[0].userData);
+  EXPECT_EQ("action:first", calls[0].label);
   EXPECT_EQ("ACTION_EXECUTION_SUCCESS", calls[0].str("status_code"));
   EXPECT_EQ("{\"actionId\":\"playMusic\",\"done\":true}", calls[0].str("result"));
 }
 
 TEST_F(E2eRpcPort, EachAnswerReachesItsOwnCallbackWithItsUserData) {
-  installRpcApp();
+  env->installSample(kRpcApp);
   BundlePtr connect = MakeBundle({{"actionId", "warmUp"}});
   ASSERT_EQ(0, talvo_proxy_app_action_execution(kRpcApp, connect.get(), onAction, kFirst));
   ASSERT_TRUE(waitForCalls(1, 8000)) << log.dump();
@@ -44,8 +44,8 @@ TEST_F(E2eRpcPort, EachAnswerReachesItsOwnCallbackWithItsUserData) {
   ASSERT_EQ(0, talvo_proxy_app_state_request(kRpcApp, state.get(), onState, kThird));
   ASSERT_TRUE(waitForCalls(3, 5000)) << log.dump();
 
-  EXPECT_EQ("action:first", calls[0].userData);
-  EXPECT_EQ("state:third", calls[1].userData);
+  EXPECT_EQ("action:first", calls[0].label);
+  EXPECT_EQ("state:third", calls[1].label);
   EXPECT_EQ(kRpcApp, calls[1].appId);
   // Routed by "appContext" and rewritten into the envelope.
   EXPECT_EQ(
@@ -54,25 +54,12 @@ TEST_F(E2eRpcPort, EachAnswerReachesItsOwnCallbackWithItsUserData) {
       "\"{\\\"concepts\\\":[{\\\"type\\\":\\\"screen\\\",\\\"value\\\":\\\"home\\\"}],"
       "\\\"capsuleId\\\":\\\"sample.capsule\\\"}\"}",
       calls[1].str("appContext"));
-  EXPECT_EQ("action:second", calls[2].userData);
+  EXPECT_EQ("action:second", calls[2].label);
   EXPECT_EQ("{\"actionId\":\"setAlarm\",\"done\":true}", calls[2].str("result"));
 }
 
-TEST_F(E2eRpcPort, SecondRequestForOneAppIsTheOnlyOneAnswered) {
-  installRpcApp();
-  BundlePtr first = MakeBundle({{"actionId", "one"}, {"sample_delay_ms", "200"}});
-  BundlePtr second = MakeBundle({{"actionId", "two"}, {"sample_delay_ms", "200"}});
-  ASSERT_EQ(0, talvo_proxy_app_action_execution(kRpcApp, first.get(), onAction, kFirst));
-  ASSERT_EQ(0, talvo_proxy_app_action_execution(kRpcApp, second.get(), onAction, kSecond));
-  ASSERT_TRUE(waitForCalls(1, 8000)) << log.dump();
-  RunLoopFor(800);
-
-  ASSERT_EQ(1u, calls.size());
-  EXPECT_EQ("action:second", calls[0].userData);
-}
-
 TEST_F(E2eRpcPort, CallbackMayStartANewRequestForTheSameApp) {
-  installRpcApp();
+  env->installSample(kRpcApp);
   static BundlePtr next;
   next = MakeBundle({{"actionId", "next"}});
   auto chain = [](const char *appId, bundle *result, void *userData) {
@@ -86,8 +73,8 @@ TEST_F(E2eRpcPort, CallbackMayStartANewRequestForTheSameApp) {
   RunLoopFor(300);
 
   ASSERT_EQ(2u, calls.size());
-  EXPECT_EQ("action:first", calls[0].userData);
-  EXPECT_EQ("action:second", calls[1].userData);
+  EXPECT_EQ("action:first", calls[0].label);
+  EXPECT_EQ("action:second", calls[1].label);
   EXPECT_EQ("{\"actionId\":\"next\",\"done\":true}", calls[1].str("result"));
   next.reset();
 }

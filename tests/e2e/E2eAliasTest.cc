@@ -15,8 +15,8 @@ char kAction[] = "action";
 class E2eAlias : public E2eFixture {};
 
 TEST_F(E2eAlias, AppWithAClientIsServedOnceItHasTheFocus) {
-  installAliasApp();
-  startApp(kAliasApp);
+  env->installSample(kAliasApp);
+  ASSERT_TRUE(env->launch(kAliasApp));
 
   // A state request takes no alias path: it connects the app.
   BundlePtr state = MakeBundle({});
@@ -26,13 +26,13 @@ TEST_F(E2eAlias, AppWithAClientIsServedOnceItHasTheFocus) {
   BundlePtr action = MakeBundle({{"actionId", "openGallery"}});
   ASSERT_EQ(0, talvo_proxy_app_action_execution(kAliasApp, action.get(), onAction, kAction));
   ASSERT_TRUE(waitForCalls(2, 5000)) << log.dump();
-  EXPECT_EQ("action:action", calls[1].userData);
+  EXPECT_EQ("action:action", calls[1].label);
   EXPECT_EQ("{\"actionId\":\"openGallery\",\"done\":true}", calls[1].str("result"));
   EXPECT_TRUE(log.has("is focused successfully.. Send data to app"));
 }
 
 TEST_F(E2eAlias, FirstActionWithoutAClientIsDroppedAtFocus) {
-  installAliasApp();
+  env->installSample(kAliasApp);
   // This process's window has the focus until the app takes it when it starts.
   wm->addWindow(getpid(), true);
   BundlePtr action = MakeBundle({{"actionId", "openGallery"}});
@@ -50,7 +50,7 @@ TEST_F(E2eAlias, FirstActionWithoutAClientIsDroppedAtFocus) {
 
 TEST_F(E2eAlias, FocusWaitRunsOutAfterThirtyOneSeconds) {
   setenv("TALVO_SAMPLE_NO_FOCUS", "1", 1);
-  installAliasApp();
+  env->installSample(kAliasApp);
   wm->addWindow(getpid(), true);  // this process's window keeps the focus
 
   BundlePtr action = MakeBundle({{"actionId", "openGallery"}});

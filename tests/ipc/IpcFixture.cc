@@ -1,44 +1,11 @@
 #include "IpcFixture.h"
 
-#include <stdlib.h>
 #include <string.h>
 #include <velna_main_loop.h>
 
 #include "LoopUntil.h"
 
 namespace ipctest {
-
-namespace {
-
-void CopyEntry(const char *key, const int type, const bundle_keyval_t *kv, void *data) {
-  auto *answer = static_cast<Answer *>(data);
-  auto *keyval = const_cast<bundle_keyval_t *>(kv);
-  if (bundle_keyval_type_is_array(keyval))
-    return;
-  void *value = nullptr;
-  size_t size = 0;
-  bundle_keyval_get_basic_val(keyval, &value, &size);
-  if (type == BUNDLE_TYPE_BYTE)
-    answer->bytes[key] = size;
-  else
-    answer->strings[key] = static_cast<const char *>(value);
-}
-
-}  // namespace
-
-Answer CopyAnswer(const std::string &appId, bundle *b) {
-  Answer answer;
-  answer.appId = appId;
-  bundle_foreach(b, CopyEntry, &answer);
-  return answer;
-}
-
-BundlePtr MakeBundle(const std::vector<std::pair<std::string, std::string>> &entries) {
-  BundlePtr b(bundle_create());
-  for (const auto &entry : entries)
-    bundle_add_str(b.get(), entry.first.c_str(), entry.second.c_str());
-  return b;
-}
 
 void IpcFixture::SetUp() {
   setenv("VELNA_APP_ID", kClientId, 1);
@@ -55,14 +22,6 @@ void IpcFixture::TearDown() {
   env.reset();
 }
 
-void IpcFixture::installPortApp(const std::string &exec) {
-  env->install({kPortApp, kPortApp, "", exec, "", {{kSdkKey, "1.0-alpha"}}});
-}
-
-void IpcFixture::installRpcApp(const std::string &exec) {
-  env->install({kRpcApp, kRpcApp, "", exec, "", {{kSdkKey, "1.1.0"}}});
-}
-
 int IpcFixture::send(const std::string &appId, bundle *request, bool isStateRequest) {
   TalvoProxyCommonData::getInstance()->ExtractMetaData(appId, request);
   return ipc->sendData(appId, request, isStateRequest);
@@ -73,7 +32,7 @@ bool IpcFixture::waitForAnswers(size_t n, int timeoutMs) {
 }
 
 void IpcFixture::onAnswer(std::string appId, bundle *result, void *self) {
-  static_cast<IpcFixture *>(self)->answers.push_back(CopyAnswer(appId, result));
+  static_cast<IpcFixture *>(self)->answers.push_back(testsupport::CopyAnswer(appId.c_str(), result));
 }
 
 LineProbe::LineProbe(std::string needle, std::function<void()> probe)

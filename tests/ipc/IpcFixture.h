@@ -8,11 +8,11 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "Bundles.h"
 #include "LogCapture.h"
 #include "TempEnv.h"
 #include "common/TalvoProxyCommonData.h"
@@ -21,42 +21,20 @@
 namespace ipctest {
 
 constexpr const char kClientId[] = "org.velna.test.client";
-constexpr const char kPortApp[] = "org.velna.sample.portcompanion";
-constexpr const char kRpcApp[] = "org.velna.sample.rpccompanion";
-constexpr const char kSdkKey[] = "http://velna.org/velna/metadata/talvo/sdk/version";
 constexpr const char kFailure[] = "{\"result\":\"Failure\"}";
-
-// An answer as the handler saw it: string entries by value, byte entries by size.
-struct Answer {
-  std::string appId;
-  std::map<std::string, std::string> strings;
-  std::map<std::string, size_t> bytes;
-
-  bool has(const std::string &key) const { return strings.count(key) || bytes.count(key); }
-  std::string str(const std::string &key) const {
-    auto it = strings.find(key);
-    return it == strings.end() ? "<absent>" : it->second;
-  }
-};
-
-Answer CopyAnswer(const std::string &appId, bundle *b);
-
-struct BundleFree {
-  void operator()(bundle *b) const { bundle_free(b); }
-};
-using BundlePtr = std::unique_ptr<bundle, BundleFree>;
-
-// A bundle of string entries.
-BundlePtr MakeBundle(const std::vector<std::pair<std::string, std::string>> &entries);
+using testsupport::Answer;
+using testsupport::BundlePtr;
+using testsupport::kPortApp;
+using testsupport::kRpcApp;
+using testsupport::MakeBundle;
 
 class IpcFixture : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
 
-  // Installs the sample app: the message-port one (SDK "1.0-alpha") or the rpc-port one.
-  void installPortApp(const std::string &exec = PORT_COMPANION_EXEC);
-  void installRpcApp(const std::string &exec = RPC_COMPANION_EXEC);
+  void installPortApp(const std::string &exec = "") { env->installSample(kPortApp, exec); }
+  void installRpcApp(const std::string &exec = "") { env->installSample(kRpcApp, exec); }
 
   // What the proxy core does for an action or state request: read the app's metadata,
   // then hand the request to sendData.

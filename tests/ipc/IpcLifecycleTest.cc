@@ -49,18 +49,5 @@ TEST_F(IpcLifecycle, DeinitializeReleasesLaunchAndClientRecordsButNotFocusWaits)
   EXPECT_TRUE(log.has("TalvoProxyIpc has been already initialized"));
 }
 
-TEST_F(IpcLifecycle, ClientRemoveOfAnUnknownAppChangesNothing) {
-  installRpcApp();
-  BundlePtr request = MakeBundle({{"actionId", "a"}});
-  TalvoProxyCommonData *common = TalvoProxyCommonData::getInstance();
-  ASSERT_NE(nullptr, common->ExtractMetaData(kRpcApp, request.get()));
-
-  ipc->ClientRemove(kRpcApp);
-  EXPECT_TRUE(log.has(std::string("Couldn't find corresponding map entry for the app:") + kRpcApp));
-  EXPECT_TRUE(log.has("ClientsInfo is null"));
-  // The metadata registry is untouched.
-  EXPECT_NE(nullptr, common->GetMetaDataInfo(kRpcApp));
-}
-
 }  // namespace
 }  // namespace ipctest

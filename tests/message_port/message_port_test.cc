@@ -1,5 +1,5 @@
 // The message port between real processes: this test process is the client (it owns
-// kClientPort as kClient) and mp-test-app is the app at the other end.
+// kClientPort as kClient) and the test app is the app at the other end.
 #include <app_control.h>
 #include <app_manager.h>
 #include <bundle.h>
@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "Bundles.h"
 #include "LogCapture.h"
 #include "LoopUntil.h"
 #include "TempEnv.h"
@@ -35,20 +36,16 @@ constexpr const char *kClientPort = "CLIENT_PORT";
 constexpr const char *kApp = "org.test.mp.app";
 constexpr const char *kAppPort = "APP_PORT";
 
-using BundlePtr = std::unique_ptr<bundle, decltype(&bundle_free)>;
+using testsupport::BundlePtr;
+using testsupport::GetStr;
 
-BundlePtr MakeBundle() { return BundlePtr(bundle_create(), bundle_free); }
+BundlePtr MakeBundle() { return testsupport::MakeBundle(); }
 
 struct Received {
   bool hasRemote;
   std::string remote;
   BundlePtr message;
 };
-
-std::string Str(bundle *b, const char *key) {
-  char *v = nullptr;
-  return bundle_get_str(b, key, &v) == 0 ? std::string(v) : std::string("<missing>");
-}
 
 std::vector<unsigned char> Pattern(size_t size, unsigned seed) {
   std::vector<unsigned char> data(size);
@@ -71,7 +68,7 @@ class DirectProcess {
     gchar **envp = g_get_environ();
     if (withoutAppId) envp = g_environ_unsetenv(envp, "VELNA_APP_ID");
     for (const auto &kv : vars) envp = g_environ_setenv(envp, kv.first.c_str(), kv.second.c_str(), TRUE);
-    gchar *argv[] = {const_cast<gchar *>(MP_TEST_APP), nullptr};
+    gchar *argv[] = {const_cast<gchar *>(TEST_APP), nullptr};
     GError *error = nullptr;
     if (!g_spawn_async(nullptr, argv, envp, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr, &pid_,
                        &error)) {
@@ -100,7 +97,7 @@ class MessagePort : public ::testing::Test {
     setenv("VELNA_APP_ID", kClient, 1);
     unsetenv("MP_TEST_SEND_TO");
     setenv("MP_TEST_PORT", kAppPort, 1);
-    env_.install({kApp, "org.test.mp", "", MP_TEST_APP, "", {}});
+    env_.install({kApp, "org.test.mp", "", TEST_APP, "", {}});
     env_.install({"org.test.mp.idle", "org.test.mp", "", "", "", {}});
     portId_ = message_port_register_local_port(kClientPort, &MessagePort::OnMessage, this);
     ASSERT_GT(portId_, 0);
@@ -111,7 +108,7 @@ class MessagePort : public ::testing::Test {
     EXPECT_EQ(remotePort, nullptr);
     EXPECT_FALSE(trusted);
     static_cast<MessagePort *>(self)->received_.push_back(
-        {remote != nullptr, remote ? remote : "", BundlePtr(bundle_dup(message), bundle_free)});
+        {remote != nullptr, remote ? remote : "", BundlePtr(bundle_dup(message))});
   }
 
   bool PortExists(const char *app, const char *port) {
@@ -120,15 +117,7 @@ class MessagePort : public ::testing::Test {
     return exist;
   }
 
-  void LaunchApp() {
-    app_control_h h = nullptr;
-    ASSERT_EQ(app_control_create(&h), 0);
-    app_control_set_app_id(h, kApp);
-    ASSERT_EQ(app_control_send_launch_request(h, nullptr, nullptr), 0);
-    app_control_destroy(h);
-    ASSERT_TRUE(testsupport::RunLoopUntil([&] { return PortExists(kApp, kAppPort); }, 10000))
-        << "the app never registered its port";
-  }
+  void LaunchApp() { ASSERT_TRUE(env_.launch(kApp, kAppPort)) << "the app never registered its port"; }
 
   // A command for the app; the reply comes to kClientPort.
   BundlePtr Command(const char *cmd) {
@@ -158,8 +147,8 @@ TEST_F(MessagePort, RoundTripReportsEachSenderAsThePlatformKnowsIt) {
   const Received &reply = received_[0];
   EXPECT_TRUE(reply.hasRemote);
   EXPECT_EQ(reply.remote, kApp);                        // the app, as seen by us
-  EXPECT_EQ(Str(reply.message.get(), "sender"), kClient);  // us, as seen by the app
-  EXPECT_EQ(Str(reply.message.get(), "payload"), "hello");
+  EXPECT_EQ(GetStr(reply.message.get(), "sender"), kClient);  // us, as seen by the app
+  EXPECT_EQ(GetStr(reply.message.get(), "payload"), "hello");
 }
 
 TEST_F(MessagePort, ThousandMessagesArriveInOrderBothWays) {
@@ -179,8 +168,8 @@ TEST_F(MessagePort, ThousandMessagesArriveInOrderBothWays) {
   for (int i = 0; i < 2000; i++) {
     bundle *b = received_[i].message.get();
     int seq = i % 1000;
-    ASSERT_EQ(Str(b, "cmd"), i < 1000 ? "echo" : "numbered") << i;
-    ASSERT_EQ(Str(b, "seq"), std::to_string(seq)) << i;
+    ASSERT_EQ(GetStr(b, "cmd"), i < 1000 ? "echo" : "numbered") << i;
+    ASSERT_EQ(GetStr(b, "seq"), std::to_string(seq)) << i;
     if (i >= 1000) {
       ASSERT_TRUE(HasBytes(b, "data", Pattern(100, seq))) << i;
     }
@@ -217,7 +206,7 @@ TEST_F(MessagePort, MessageOverTheCapIsRefusedAtTheSender) {
   ASSERT_TRUE(WaitForMessages(1)) << log_.dump();
   testsupport::RunLoopFor(200);
   ASSERT_EQ(received_.size(), 1u);
-  EXPECT_EQ(Str(received_[0].message.get(), "payload"), "after");
+  EXPECT_EQ(GetStr(received_[0].message.get(), "payload"), "after");
 }
 
 TEST_F(MessagePort, LargeMessagesCrossingEachOtherDoNotDeadlock) {
@@ -237,8 +226,8 @@ TEST_F(MessagePort, LargeMessagesCrossingEachOtherDoNotDeadlock) {
   ASSERT_TRUE(WaitForMessages(8, 60000)) << received_.size() << " arrived\n" << log_.dump();
   int numbered = 0, sunk = 0;
   for (const Received &r : received_) {
-    if (Str(r.message.get(), "cmd") == "sunk") {
-      EXPECT_EQ(Str(r.message.get(), "size"), std::to_string(kSize));
+    if (GetStr(r.message.get(), "cmd") == "sunk") {
+      EXPECT_EQ(GetStr(r.message.get(), "size"), std::to_string(kSize));
       sunk++;
     } else {
       EXPECT_TRUE(HasBytes(r.message.get(), "data", Pattern(kSize, numbered)));
@@ -249,15 +238,7 @@ TEST_F(MessagePort, LargeMessagesCrossingEachOtherDoNotDeadlock) {
   EXPECT_EQ(sunk, 4);
 }
 
-TEST_F(MessagePort, SenderWithoutAppIdIsReportedAsNull) {
-  DirectProcess sender({{"MP_TEST_SEND_TO", std::string(kClient) + ":" + kClientPort},
-                        {"MP_TEST_PORT", ""}},
-                       true);
-  ASSERT_TRUE(WaitForMessages(1)) << log_.dump();
-  EXPECT_FALSE(received_[0].hasRemote);
-}
-
-TEST_F(MessagePort, QuitDeliversWhatTheSenderStillHadQueued) {
+TEST_F(MessagePort, SenderWithoutAppIdIsReportedAsNullAndItsQueueIsDeliveredAtQuit) {
   constexpr size_t kSize = 32u << 20;
   DirectProcess sender({{"MP_TEST_SEND_TO", std::string(kClient) + ":" + kClientPort},
                         {"MP_TEST_PORT", ""},
@@ -266,6 +247,7 @@ TEST_F(MessagePort, QuitDeliversWhatTheSenderStillHadQueued) {
                         {"MP_TEST_QUIT_AFTER_SEND", "1"}},
                        true);
   ASSERT_TRUE(WaitForMessages(2, 30000)) << log_.dump();
+  EXPECT_FALSE(received_[0].hasRemote);
   EXPECT_TRUE(HasBytes(received_[0].message.get(), "data", Pattern(kSize, 0)));
   EXPECT_TRUE(HasBytes(received_[1].message.get(), "data", Pattern(kSize, 1)));
 }
@@ -285,33 +267,28 @@ TEST_F(MessagePort, SenderClaimingAnotherLiveAppsIdIsNotBelieved) {
   EXPECT_EQ(received_[1].remote, kApp);
 }
 
-TEST_F(MessagePort, MissingAppOrPortFailsAtOnceWithNoSuchEntry) {
+TEST_F(MessagePort, MissingAppOrPortFailsAtOnceAndTheCheckFollowsTheAppAndItsRestarts) {
   auto sendTook = [&](const char *app, const char *port, int *result) {
     auto start = std::chrono::steady_clock::now();
     *result = message_port_send_message(app, port, Command("echo").get());
     return std::chrono::steady_clock::now() - start;
   };
   int r = 0;
-  EXPECT_LT(sendTook(kApp, kAppPort, &r), std::chrono::seconds(1));  // installed, not running
-  EXPECT_EQ(r, -ENOENT);
-  EXPECT_LT(sendTook("org.test.mp.absent", kAppPort, &r), std::chrono::seconds(1));
-  EXPECT_EQ(r, -ENOENT);
-
-  LaunchApp();
-  EXPECT_LT(sendTook(kApp, "NO_SUCH_PORT", &r), std::chrono::seconds(1));
-  EXPECT_EQ(r, -ENOENT);
-  EXPECT_EQ(message_port_send_message("bad id/", kAppPort, Command("echo").get()), -EINVAL);
-}
-
-TEST_F(MessagePort, CheckRemotePortFollowsTheAppAndItsRestarts) {
   EXPECT_FALSE(PortExists(kApp, kAppPort));
   EXPECT_FALSE(PortExists("org.test.mp.idle", kAppPort));
   bool exist = false;
   EXPECT_EQ(message_port_check_remote_port("", kAppPort, &exist), -EINVAL);
+  EXPECT_LT(sendTook(kApp, kAppPort, &r), std::chrono::seconds(1));  // installed, not running
+  EXPECT_EQ(r, -ENOENT);
+  EXPECT_LT(sendTook("org.test.mp.absent", kAppPort, &r), std::chrono::seconds(1));
+  EXPECT_EQ(r, -ENOENT);
+  EXPECT_EQ(message_port_send_message("bad id/", kAppPort, Command("echo").get()), -EINVAL);
 
   LaunchApp();
   EXPECT_TRUE(PortExists(kApp, kAppPort));
   EXPECT_FALSE(PortExists(kApp, "NO_SUCH_PORT"));
+  EXPECT_LT(sendTook(kApp, "NO_SUCH_PORT", &r), std::chrono::seconds(1));
+  EXPECT_EQ(r, -ENOENT);
   ASSERT_EQ(message_port_send_message(kApp, kAppPort, Command("echo").get()), 0);
   ASSERT_TRUE(WaitForMessages(1));
 
@@ -326,7 +303,7 @@ TEST_F(MessagePort, CheckRemotePortFollowsTheAppAndItsRestarts) {
   bundle_add_str(again.get(), "payload", "again");
   ASSERT_EQ(message_port_send_message(kApp, kAppPort, again.get()), 0);
   ASSERT_TRUE(WaitForMessages(2)) << log_.dump();
-  EXPECT_EQ(Str(received_[1].message.get(), "payload"), "again");
+  EXPECT_EQ(GetStr(received_[1].message.get(), "payload"), "again");
 }
 
 TEST_F(MessagePort, RegisteringTheSameNameAgainReplacesTheCallback) {
@@ -423,53 +400,29 @@ TEST_F(MessagePort, HostileBytesDropOnlyThatPeer) {
   ASSERT_EQ(received_.size(), 6u);  // the honest raw frame and the app's five
   int forged = 0, numbered = 0;
   for (const Received &r : received_) {
-    if (Str(r.message.get(), "cmd") == "forged") {
+    if (GetStr(r.message.get(), "cmd") == "forged") {
       forged++;
       EXPECT_EQ(r.remote, kClient);  // the raw socket's owner: this very process
     } else {
       EXPECT_EQ(r.remote, kApp);
-      EXPECT_EQ(Str(r.message.get(), "seq"), std::to_string(numbered++));
+      EXPECT_EQ(GetStr(r.message.get(), "seq"), std::to_string(numbered++));
     }
   }
   EXPECT_EQ(forged, 1);
   EXPECT_FALSE(honest.Dropped());
 }
 
-TEST(MessagePortOwnership, ProcessWithoutAppIdCannotOwnAPort) {
-  testsupport::TempEnv env;
-  testsupport::LogCapture log;
-  unsetenv("VELNA_APP_ID");
+TEST_F(MessagePort, ProcessWithoutAValidOrFreeAppIdCannotOwnAPort) {
+  LaunchApp();  // kApp is held by the app's process now
   auto cb = [](int, const char *, const char *, bool, bundle *, void *) {};
+  unsetenv("VELNA_APP_ID");
   EXPECT_EQ(message_port_register_local_port("SOME_PORT", cb, nullptr), -EINVAL);
-  EXPECT_TRUE(log.has("no valid VELNA_APP_ID")) << log.dump();
-
   setenv("VELNA_APP_ID", "not a valid id", 1);
   EXPECT_EQ(message_port_register_local_port("SOME_PORT", cb, nullptr), -EINVAL);
-  EXPECT_EQ(log.count("no valid VELNA_APP_ID"), 2) << log.dump();
-  unsetenv("VELNA_APP_ID");
-}
-
-TEST(MessagePortOwnership, AppIdHeldByAnotherLiveProcessCannotOwnAPort) {
-  testsupport::TempEnv env;
-  env.install({kApp, "org.test.mp", "", MP_TEST_APP, "", {}});
-  setenv("MP_TEST_PORT", kAppPort, 1);
-  app_control_h h = nullptr;
-  ASSERT_EQ(app_control_create(&h), 0);
-  app_control_set_app_id(h, kApp);
-  ASSERT_EQ(app_control_send_launch_request(h, nullptr, nullptr), 0);
-  app_control_destroy(h);
-  ASSERT_TRUE(testsupport::RunLoopUntil(
-      [] {
-        bool exist = false;
-        message_port_check_remote_port(kApp, kAppPort, &exist);
-        return exist;
-      },
-      10000));
+  EXPECT_EQ(log_.count("no valid VELNA_APP_ID"), 2) << log_.dump();
 
   setenv("VELNA_APP_ID", kApp, 1);
-  auto cb = [](int, const char *, const char *, bool, bundle *, void *) {};
   EXPECT_EQ(message_port_register_local_port("MINE", cb, nullptr), -EEXIST);
-  unsetenv("VELNA_APP_ID");
 }
 
 }  // namespace

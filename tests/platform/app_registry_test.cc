@@ -193,10 +193,3 @@ TEST_F(Manifests, RewrittenOrRemovedManifestIsReadAfresh) {
   env_.installRaw("org.example.app", "[Application]\nPackage=third\n");
   EXPECT_EQ("third", PackageId("org.example.app"));
 }
-
-TEST_F(Manifests, AppsDirFollowsTheEnvironment) {
-  env_.install({"org.example.app", "here", "", "", "", {}});
-  EXPECT_EQ("here", PackageId("org.example.app"));
-  testsupport::TempEnv other;  // points VELNA_APPS_DIR elsewhere
-  EXPECT_EQ("<-2>", PackageId("org.example.app"));
-}

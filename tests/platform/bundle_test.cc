@@ -1,10 +1,10 @@
-// Bundle: insertion order, key rules, copies, and the binary form against hostile input.
+// Bundle: insertion order, key rules, copies, and the binary form against hostile input
+// (random input is the fuzz targets' part).
 #include <bundle.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -142,7 +142,7 @@ TEST(Bundle, MissingKeysWrongTypesAndBadArgumentsAreReported) {
   EXPECT_EQ(-22, bundle_free(nullptr));
 }
 
-TEST(Bundle, GettersHandOutPointersIntoTheBundle) {
+TEST(Bundle, GettersPointIntoTheBundleAndDupIsDeepAndIndependent) {
   BundlePtr b = Sample();
   char *first = nullptr, *second = nullptr;
   ASSERT_EQ(0, bundle_get_str(b.get(), "actionId", &first));
@@ -153,10 +153,7 @@ TEST(Bundle, GettersHandOutPointersIntoTheBundle) {
   ASSERT_EQ(0, bundle_get_byte(b.get(), "raw", &bytes, &size));
   EXPECT_EQ(5u, size);
   EXPECT_EQ(0xff, static_cast<unsigned char *>(bytes)[3]);
-}
 
-TEST(Bundle, DupIsDeepAndIndependent) {
-  BundlePtr b = Sample();
   BundlePtr copy(bundle_dup(b.get()), &bundle_free);
   ASSERT_TRUE(copy);
   EXPECT_TRUE(Entries(b.get()) == Entries(copy.get()));
@@ -171,7 +168,7 @@ TEST(Bundle, DupIsDeepAndIndependent) {
   EXPECT_EQ(-2, bundle_get_str(copy.get(), "actionId", &copied));
 }
 
-TEST(BundleCodec, RoundTripKeepsEveryEntryTypeAndOrder) {
+TEST(BundleCodec, RoundTripKeepsEveryEntryTypeOrderAndSize) {
   BundlePtr b = Sample();
   BundlePtr empty = Make();
   for (bundle *src : {b.get(), empty.get()}) {
@@ -179,10 +176,8 @@ TEST(BundleCodec, RoundTripKeepsEveryEntryTypeAndOrder) {
     ASSERT_EQ(0, Decode(Encode(src), &out));
     EXPECT_TRUE(Entries(src) == Entries(out.get()));
   }
-}
 
-TEST(BundleCodec, RoundTripOfALargeByteValue) {
-  BundlePtr b = Make();
+  b = Make();
   std::string big(8 * 1024 * 1024, '\0');
   for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 31);
   ASSERT_EQ(0, bundle_add_byte(b.get(), "big", big.data(), big.size()));
@@ -257,30 +252,4 @@ TEST(BundleCodec, DuplicateKeysUnknownTypesAndNulBytesAreRejected) {
   }
   BundlePtr out(nullptr, &bundle_free);
   EXPECT_EQ(0, Decode(good, &out));  // the offsets above do name what they claim
-}
-
-TEST(BundleCodec, RandomGarbageAndMutationsNeverCrash) {
-  std::mt19937 rng(1234);
-  const std::vector<unsigned char> good = Encode(Sample().get());
-  int accepted = 0;
-  for (int round = 0; round < 20000; ++round) {
-    std::vector<unsigned char> bytes;
-    if (round % 2) {
-      bytes.resize(rng() % 96);
-      for (auto &c : bytes) c = static_cast<unsigned char>(rng());
-    } else {
-      bytes = good;
-      for (int flips = 1 + rng() % 4; flips > 0; --flips)
-        bytes[rng() % bytes.size()] = static_cast<unsigned char>(rng());
-    }
-    BundlePtr out(nullptr, &bundle_free);
-    int r = Decode(bytes, &out);
-    ASSERT_TRUE(r == 0 || r == -22) << r;
-    if (r == 0) {
-      ++accepted;
-      // Whatever was accepted must encode back to the same bytes.
-      EXPECT_EQ(bytes, Encode(out.get()));
-    }
-  }
-  EXPECT_LT(accepted, 20000);
 }

@@ -1,7 +1,6 @@
 // The main loop: GLib sources and ecore timers and descriptors on one loop, beyond the
-// fd_set limit, quit with its flush hooks, and registration of the process's app id.
+// fd_set limit, and quit with its flush hooks.
 #include <Ecore.h>
-#include <app_manager.h>
 #include <glib-unix.h>
 #include <glib.h>
 #include <gtest/gtest.h>
@@ -13,7 +12,6 @@
 #include <vector>
 
 #include "LoopUntil.h"
-#include "TempEnv.h"
 
 // Internal interfaces of the platform layer (C, without C++ guards).
 extern "C" {
@@ -139,21 +137,4 @@ TEST(MainLoop, QuitRunsFlushHooksWithinTheirBudgetBeforeTheLoopReturns) {
   ASSERT_EQ(1u, flushBudgets.size());
   EXPECT_GT(flushBudgets[0], 1000);
   EXPECT_LE(flushBudgets[0], 2000);
-}
-
-TEST(MainLoop, RunRegistersTheProcessAsItsAppId) {
-  testsupport::TempEnv env;
-  setenv("VELNA_APP_ID", "org.example.client", 1);
-  bool running = true;
-  ASSERT_EQ(0, app_manager_is_running("org.example.client", &running));
-  EXPECT_FALSE(running);
-
-  testsupport::RunLoopFor(10);
-  ASSERT_EQ(0, app_manager_is_running("org.example.client", &running));
-  EXPECT_TRUE(running);
-  char *id = nullptr;
-  ASSERT_EQ(0, app_manager_get_app_id(getpid(), &id));
-  EXPECT_STREQ("org.example.client", id);
-  free(id);
-  unsetenv("VELNA_APP_ID");
 }

@@ -1,9 +1,12 @@
-// rpc-port between this process (proxy) and rpc_test_app (stub), and against hostile
-// peers played by this process on raw sockets.
-#include <app_control.h>
+// rpc-port between this process (proxy) and the test app (stub, mode "echo"), against
+// hostile peers played by this process on raw sockets, and parcels in memory.
 #include <app_manager.h>
 #include <dirent.h>
+#include <glib.h>
+#include <gtest/gtest.h>
 #include <poll.h>
+#include <rpc-port.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -12,30 +15,170 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <string>
+#include <vector>
 
+#include "Bundles.h"
 #include "LogCapture.h"
-#include "RpcClient.h"
+#include "LoopUntil.h"
+#include "TempEnv.h"
 extern "C" {
 #include "rpc_port_internal.h"
 #include "runtime_internal.h"
 }
 
-using namespace rpctest;
 using testsupport::RunLoopFor;
 using testsupport::RunLoopUntil;
 
 namespace {
 
-class RpcPort : public RpcPortFixture {};
+constexpr const char *kClientId = "test.client";
+constexpr const char *kEchoApp = "test.echo";
+constexpr const char *kPortName = "echo";
+
+// The commands of the test app's "echo" mode.
+enum Command { kResult = 0, kInvoke = 1, kEcho = 1, kCallback = 2, kSilent = 3, kCrash = 4,
+               kClose = 5, kWho = 6 };
+
+struct ParcelDeleter {
+  void operator()(rpc_port_parcel_s *p) const { rpc_port_parcel_destroy(p); }
+};
+using Parcel = std::unique_ptr<rpc_port_parcel_s, ParcelDeleter>;
+
+using Bundle = testsupport::BundlePtr;
+
+// Takes the next parcel that port delivers into *out (null on failure); the result.
+int Take(rpc_port_h port, Parcel *out) {
+  rpc_port_parcel_h raw = nullptr;
+  int r = rpc_port_parcel_create_from_port(&raw, port);
+  out->reset(raw);
+  return r;
+}
+
+Parcel NewParcel() {
+  rpc_port_parcel_h p = nullptr;
+  EXPECT_EQ(rpc_port_parcel_create(&p), 0);
+  return Parcel(p);
+}
+
+Bundle BundleWith(const std::string &value) { return testsupport::MakeBundle({{"v", value}}); }
+
+std::string ValueOf(bundle *b) { return b ? testsupport::GetStr(b, "v") : "<none>"; }
+
+// Sends a command parcel on port: the command, then text and b when given.
+int SendCommand(rpc_port_h port, int command, const char *text = nullptr,
+                       bundle *b = nullptr) {
+  Parcel p = NewParcel();
+  rpc_port_parcel_write_int32(p.get(), command);
+  if (text) rpc_port_parcel_write_string(p.get(), text);
+  if (b) rpc_port_parcel_write_bundle(p.get(), b);
+  return rpc_port_parcel_send(p.get(), port);
+}
+
+// One proxy and what its events reported. Hooks run inside the events, after counting.
+class Client {
+ public:
+  Client() {
+    EXPECT_EQ(rpc_port_proxy_create(&proxy), 0);
+    rpc_port_proxy_add_connected_event_cb(proxy, OnConnected, this);
+    rpc_port_proxy_add_disconnected_event_cb(proxy, OnDisconnected, this);
+    rpc_port_proxy_add_rejected_event_cb(proxy, OnRejected, this);
+    rpc_port_proxy_add_received_event_cb(proxy, OnReceived, this);
+  }
+  ~Client() {
+    if (proxy) rpc_port_proxy_destroy(proxy);
+  }
+  Client(const Client &) = delete;
+  Client &operator=(const Client &) = delete;
+
+  int connect(const char *app = kEchoApp, const char *port_name = kPortName) {
+    return rpc_port_proxy_connect(proxy, app, port_name);
+  }
+  bool waitConnected(int ms = 10000) {
+    return testsupport::RunLoopUntil([this] { return connected > 0 || rejected > 0; }, ms) &&
+           connected > 0;
+  }
+  int events() const { return connected + disconnected + rejected + received; }
+
+  rpc_port_proxy_h proxy = nullptr;
+  rpc_port_h port = nullptr;  // the main port given by the connected event
+  int connected = 0;
+  int disconnected = 0;
+  int rejected = 0;
+  int received = 0;
+  std::vector<std::string> invocations;  // "v" of each bundle read from the callback port
+  std::function<void()> onConnected, onDisconnected, onRejected, onReceived;
+
+ private:
+  static void OnConnected(const char *endpoint, const char *port_name, rpc_port_h port,
+                          void *data) {
+    Client *c = static_cast<Client *>(data);
+    EXPECT_STREQ(port_name, kPortName);
+    EXPECT_NE(endpoint, nullptr);
+    c->connected++;
+    c->port = port;
+    if (c->onConnected) c->onConnected();
+  }
+  static void OnDisconnected(const char *, const char *, void *data) {
+    Client *c = static_cast<Client *>(data);
+    c->disconnected++;
+    if (c->onDisconnected) c->onDisconnected();
+  }
+  static void OnRejected(const char *, const char *, void *data) {
+    Client *c = static_cast<Client *>(data);
+    c->rejected++;
+    if (c->onRejected) c->onRejected();
+  }
+  static void OnReceived(const char *, const char *, void *data) {
+    Client *c = static_cast<Client *>(data);
+    c->received++;
+    if (c->onReceived) {
+      c->onReceived();
+      return;
+    }
+    rpc_port_h cb = nullptr;
+    ASSERT_EQ(rpc_port_proxy_get_port(c->proxy, RPC_PORT_PORT_CALLBACK, &cb), 0);
+    Parcel p;
+    ASSERT_EQ(Take(cb, &p), 0);
+    int command = -1;
+    bundle *b = nullptr;
+    rpc_port_parcel_read_int32(p.get(), &command);
+    rpc_port_parcel_read_bundle(p.get(), &b);
+    Bundle owned(b);
+    EXPECT_EQ(command, kInvoke);
+    c->invocations.push_back(ValueOf(b));
+  }
+};
+
+class RpcPort : public ::testing::Test {
+ protected:
+  RpcPort() {
+    setenv("VELNA_APP_ID", kClientId, 1);
+    setenv("TEST_APP_MODE", "echo", 1);
+    unsetenv("VELNA_RPC_TIMEOUT_MS");
+    env_ = std::make_unique<testsupport::TempEnv>();
+  }
+
+  void installEcho(const std::string &allowed = "") {
+    testsupport::Manifest m;
+    m.appId = kEchoApp;
+    m.package = "org.test.echo";
+    m.exec = TEST_APP;
+    m.allowedClients = allowed;
+    env_->install(m);
+  }
+
+  std::unique_ptr<testsupport::TempEnv> env_;
+};
 
 // Echoes text and a bundle over the main port and reads the answer synchronously.
 void ExpectEcho(rpc_port_h port, const std::string &text) {
   Bundle b = BundleWith(text + "-bundle");
   ASSERT_EQ(SendCommand(port, kEcho, text.c_str(), b.get()), 0);
-  rpc_port_parcel_h raw = nullptr;
-  ASSERT_EQ(rpc_port_parcel_create_from_port(&raw, port), 0);
-  Parcel answer(raw);
+  Parcel answer;
+  ASSERT_EQ(Take(port, &answer), 0);
   int command = -1;
   char *echoed = nullptr;
   bundle *eb = nullptr;
@@ -136,7 +279,7 @@ std::string ReadExactly(int fd, size_t n, int ms = 5000) {
   return got;
 }
 
-TEST_F(RpcPort, ConnectLaunchesTheAppAndAnswersOnTheMainPort) {
+TEST_F(RpcPort, ConnectLaunchesTheAppThatAnswersOnTheMainPortAndInvokesOnTheCallbackPort) {
   installEcho();
   Client c;
   ASSERT_EQ(c.connect(), 0);
@@ -151,9 +294,8 @@ TEST_F(RpcPort, ConnectLaunchesTheAppAndAnswersOnTheMainPort) {
 
   // The stub names the caller as the registry knows it, with the proxy's instance.
   ASSERT_EQ(SendCommand(c.port, kWho), 0);
-  rpc_port_parcel_h raw = nullptr;
-  ASSERT_EQ(rpc_port_parcel_create_from_port(&raw, c.port), 0);
-  Parcel who(raw);
+  Parcel who;
+  ASSERT_EQ(Take(c.port, &who), 0);
   int command = -1;
   char *sender = nullptr;
   char *instance = nullptr;
@@ -170,18 +312,10 @@ TEST_F(RpcPort, ConnectLaunchesTheAppAndAnswersOnTheMainPort) {
   EXPECT_EQ(main_port, c.port);
   EXPECT_EQ(c.connected, 1);
   EXPECT_EQ(c.received, 0) << "answers on the main port raise no event";
-}
 
-TEST_F(RpcPort, InvocationsOnTheCallbackPortRaiseTheReceivedEventInOrder) {
-  installEcho();
-  Client c;
-  ASSERT_EQ(c.connect(), 0);
-  ASSERT_TRUE(c.waitConnected());
-
-  for (const char *v : {"one", "two", "three"}) {
-    Bundle b = BundleWith(v);
-    ASSERT_EQ(SendCommand(c.port, kCallback, nullptr, b.get()), 0);
-  }
+  // Invocations on the callback port raise the received event, in order.
+  for (const char *v : {"one", "two", "three"})
+    ASSERT_EQ(SendCommand(c.port, kCallback, nullptr, BundleWith(v).get()), 0);
   ASSERT_TRUE(RunLoopUntil([&] { return c.invocations.size() == 3; }, 5000));
   EXPECT_EQ(c.invocations, (std::vector<std::string>{"one", "two", "three"}));
   EXPECT_EQ(c.received, 3);
@@ -212,9 +346,9 @@ TEST_F(RpcPort, AppKilledMidConnectionDisconnectsWithoutLeakingDescriptors) {
     EXPECT_EQ(sent, -5);
 
     ASSERT_TRUE(RunLoopUntil([&] { return c.disconnected > 0; }, 5000));
-    rpc_port_parcel_h raw = nullptr;
-    EXPECT_EQ(rpc_port_parcel_create_from_port(&raw, c.port), -5);
-    EXPECT_EQ(raw, nullptr);
+    Parcel none;
+    EXPECT_EQ(Take(c.port, &none), -5);
+    EXPECT_EQ(none, nullptr);
     RunLoopFor(100);
     EXPECT_EQ(c.disconnected, 1);
     EXPECT_EQ(c.rejected, 0);
@@ -236,54 +370,35 @@ TEST_F(RpcPort, HandlerThatReturnsNonZeroMakesTheStubCloseThatConnectionOnly) {
   EXPECT_EQ(other.disconnected, 0);
 }
 
-TEST_F(RpcPort, TargetThatExitsBeforeListeningIsRejectedWithoutWaitingForTheLimit) {
+TEST_F(RpcPort, TargetThatExitsBeforeListeningOrCannotBeLaunchedIsRejectedBeforeTheLimit) {
   installEcho();
-  setenv("RPC_TEST_APP_MODE", "exit", 1);
-  Client c;
-  ASSERT_EQ(c.connect(), 0);
+  setenv("TEST_APP_MODE", "exit", 1);
+  env_->install({"test.noexec", "org.test.noexec", "", "", "", {}});
+  Client exits, noexec;
+  ASSERT_EQ(exits.connect(), 0);
+  ASSERT_EQ(noexec.connect("test.noexec"), 0);
   gint64 start = g_get_monotonic_time();
-  ASSERT_TRUE(RunLoopUntil([&] { return c.rejected > 0; }, 10000));
+  ASSERT_TRUE(RunLoopUntil([&] { return exits.rejected > 0 && noexec.rejected > 0; }, 10000));
   EXPECT_LT(g_get_monotonic_time() - start, 10 * G_USEC_PER_SEC);
   RunLoopFor(100);
-  EXPECT_EQ(c.connected, 0);
-  EXPECT_EQ(c.rejected, 1);
+  EXPECT_EQ(exits.connected + noexec.connected, 0);
+  EXPECT_EQ(exits.rejected, 1);
 }
 
-TEST_F(RpcPort, TargetThatCannotBeLaunchedIsRejected) {
-  testsupport::Manifest m;
-  m.appId = "test.noexec";
-  m.package = "org.test.noexec";
-  env_->install(m);
-  Client c;
-  ASSERT_EQ(c.connect("test.noexec"), 0);
-  ASSERT_TRUE(RunLoopUntil([&] { return c.rejected > 0; }, 5000));
-  EXPECT_EQ(c.connected, 0);
-}
-
-TEST_F(RpcPort, ConnectRefusesUnknownAppsAndExcludedCallersAtOnce) {
+TEST_F(RpcPort, ConnectRefusesUnknownAppsExcludedCallersAndUnusableRuntimeDirsAtOnce) {
   installEcho("someone.else;");
+  testsupport::LogCapture log;
   Client c;
   EXPECT_EQ(c.connect("no.such.app"), -22);
   EXPECT_EQ(c.connect("../escape"), -22);
   EXPECT_EQ(c.connect(""), -22);
   EXPECT_EQ(c.connect(kEchoApp), -13);
-  RunLoopFor(100);
-  EXPECT_EQ(c.events(), 0);
-  bool running = true;
-  app_manager_is_running(kEchoApp, &running);
-  EXPECT_FALSE(running) << "a refused connect launches nothing";
-}
 
-TEST_F(RpcPort, UnusableRuntimeDirectoryIsRefusedAtOnce) {
   installEcho();
-  testsupport::LogCapture log;
-  Client c;
-
   std::string file = env_->root() + "/plain-file";
   std::ofstream(file) << "not a directory";
   setenv("VELNA_RUNTIME_DIR", file.c_str(), 1);
   EXPECT_EQ(c.connect(), -5);
-
   std::string deep = env_->root() + "/" + std::string(90, 'd');
   setenv("VELNA_RUNTIME_DIR", deep.c_str(), 1);
   EXPECT_EQ(c.connect(), -36);
@@ -292,6 +407,9 @@ TEST_F(RpcPort, UnusableRuntimeDirectoryIsRefusedAtOnce) {
   setenv("VELNA_RUNTIME_DIR", env_->runtimeDir().c_str(), 1);
   RunLoopFor(100);
   EXPECT_EQ(c.events(), 0);
+  bool running = true;
+  app_manager_is_running(kEchoApp, &running);
+  EXPECT_FALSE(running) << "a refused connect launches nothing";
 }
 
 TEST_F(RpcPort, SilentAppFailsTheSynchronousReadAfterTheTimeout) {
@@ -314,37 +432,31 @@ TEST_F(RpcPort, SilentAppFailsTheSynchronousReadAfterTheTimeout) {
   EXPECT_EQ(c.disconnected, 0);
 }
 
-TEST_F(RpcPort, DestroyInsideTheConnectedEventEndsAllEvents) {
+TEST_F(RpcPort, DestroyInsideTheConnectedOrReceivedEventEndsAllLaterEvents) {
   installEcho();
-  Client c;
-  c.onConnected = [&] {
-    rpc_port_proxy_destroy(c.proxy);
-    c.proxy = nullptr;
+  Client early, late;
+  early.onConnected = [&] {
+    rpc_port_proxy_destroy(early.proxy);
+    early.proxy = nullptr;
   };
-  ASSERT_EQ(c.connect(), 0);
-  ASSERT_TRUE(RunLoopUntil([&] { return c.connected > 0; }, 10000));
+  late.onReceived = [&] {
+    rpc_port_proxy_destroy(late.proxy);
+    late.proxy = nullptr;
+  };
+  ASSERT_EQ(early.connect(), 0);
+  ASSERT_EQ(late.connect(), 0);
+  ASSERT_TRUE(late.waitConnected());
+  ASSERT_TRUE(RunLoopUntil([&] { return early.connected > 0; }, 10000));
+  for (const char *v : {"a", "b", "c"})
+    ASSERT_EQ(SendCommand(late.port, kCallback, nullptr, BundleWith(v).get()), 0);
+  ASSERT_TRUE(RunLoopUntil([&] { return late.received > 0; }, 5000));
+  RunLoopFor(200);
+  EXPECT_EQ(late.received, 1) << "the parcels behind the destroying one are dropped";
+
   EXPECT_EQ(app_manager_terminate_app(kEchoApp), 0);
   RunLoopFor(200);
-  EXPECT_EQ(c.events(), 1);
-}
-
-TEST_F(RpcPort, DestroyInsideTheReceivedEventDropsTheParcelsBehindIt) {
-  installEcho();
-  Client c;
-  c.onReceived = [&] {
-    rpc_port_proxy_destroy(c.proxy);
-    c.proxy = nullptr;
-  };
-  ASSERT_EQ(c.connect(), 0);
-  ASSERT_TRUE(c.waitConnected());
-  for (const char *v : {"a", "b", "c"}) {
-    Bundle b = BundleWith(v);
-    ASSERT_EQ(SendCommand(c.port, kCallback, nullptr, b.get()), 0);
-  }
-  ASSERT_TRUE(RunLoopUntil([&] { return c.received > 0; }, 5000));
-  RunLoopFor(200);
-  EXPECT_EQ(c.received, 1);
-  EXPECT_EQ(c.disconnected, 0);
+  EXPECT_EQ(early.events(), 1);
+  EXPECT_EQ(late.events(), 2);
 }
 
 TEST_F(RpcPort, StubClosesAPeerThatAllowedClientsExcludes) {
@@ -353,11 +465,7 @@ TEST_F(RpcPort, StubClosesAPeerThatAllowedClientsExcludes) {
   EXPECT_EQ(c.connect(), -13);
 
   // Start the app by hand and knock directly: this process is registered as test.client.
-  app_control_h ctl = nullptr;
-  ASSERT_EQ(app_control_create(&ctl), 0);
-  app_control_set_app_id(ctl, kEchoApp);
-  ASSERT_EQ(app_control_send_launch_request(ctl, nullptr, nullptr), 0);
-  app_control_destroy(ctl);
+  ASSERT_TRUE(env_->launch(kEchoApp));
   std::string path = SocketPath(kEchoApp);
   int main_fd = -1;
   ASSERT_TRUE(RunLoopUntil([&] { return (main_fd = RawConnect(path)) >= 0; }, 10000));
@@ -518,43 +626,13 @@ TEST_F(RpcPortHostileApp, GarbageOrFlippedByteOrderInsteadOfTheAckRejects) {
   }
 }
 
-TEST_F(RpcPortHostileApp, AbsurdLengthOnTheCallbackChannelDisconnects) {
+TEST_F(RpcPortHostileApp, ConnectedOnlyWithBothAcksAndLyingParcelsReadAsNothing) {
   Client c;
   ASSERT_EQ(c.connect("test.fake"), 0);
   ASSERT_TRUE(fake->acceptPair());
   WriteAll(fake->main_fd, Ack(RPC_PORT_PORT_MAIN));
-  EXPECT_EQ(c.connected, 0) << "connected only once both channels are acknowledged";
   RunLoopFor(50);
-  EXPECT_EQ(c.connected, 0);
-  WriteAll(fake->cb_fd, Ack(RPC_PORT_PORT_CALLBACK));
-  ASSERT_TRUE(c.waitConnected());
-
-  WriteAll(fake->cb_fd, Frame("", VELNA_FRAME_MAGIC, 0xFFFFFFFEu));
-  ASSERT_TRUE(RunLoopUntil([&] { return c.disconnected > 0; }, 5000));
-  EXPECT_EQ(c.received, 0);
-}
-
-TEST_F(RpcPortHostileApp, TruncatedFrameOnTheMainChannelFailsTheReadAndDisconnects) {
-  Client c;
-  ASSERT_EQ(c.connect("test.fake"), 0);
-  ASSERT_TRUE(fake->acceptPair());
-  WriteAll(fake->main_fd, Ack(RPC_PORT_PORT_MAIN));
-  WriteAll(fake->cb_fd, Ack(RPC_PORT_PORT_CALLBACK));
-  ASSERT_TRUE(c.waitConnected());
-
-  WriteAll(fake->main_fd, Frame("0123456789").substr(0, 12));
-  close(fake->main_fd);
-  fake->main_fd = -1;
-  rpc_port_parcel_h raw = nullptr;
-  EXPECT_EQ(rpc_port_parcel_create_from_port(&raw, c.port), -5);
-  ASSERT_TRUE(RunLoopUntil([&] { return c.disconnected > 0; }, 5000));
-}
-
-TEST_F(RpcPortHostileApp, ParcelWithLyingFieldLengthsReadsAsNothing) {
-  Client c;
-  ASSERT_EQ(c.connect("test.fake"), 0);
-  ASSERT_TRUE(fake->acceptPair());
-  WriteAll(fake->main_fd, Ack(RPC_PORT_PORT_MAIN));
+  EXPECT_EQ(c.connected, 0) << "connected only once both channels are acknowledged";
   WriteAll(fake->cb_fd, Ack(RPC_PORT_PORT_CALLBACK));
   ASSERT_TRUE(c.waitConnected());
 
@@ -563,25 +641,141 @@ TEST_F(RpcPortHostileApp, ParcelWithLyingFieldLengthsReadsAsNothing) {
   WriteAll(fake->main_fd, Frame(std::string("\x01\x07\x00", 3)));
   WriteAll(fake->main_fd, Frame(std::string("\x03\xF0\xFF\xFF\x7F" "abc", 8)));
   WriteAll(fake->main_fd, Frame(std::string("\x04\x04\x00\x00\x00" "VBDL", 9)));
-  rpc_port_parcel_h raw = nullptr;
-  ASSERT_EQ(rpc_port_parcel_create_from_port(&raw, c.port), 0);
-  Parcel p(raw);
+  Parcel p;
+  ASSERT_EQ(Take(c.port, &p), 0);
   int i = 42;
   EXPECT_EQ(rpc_port_parcel_read_int32(p.get(), &i), -5);
   EXPECT_EQ(i, 0);
-
-  ASSERT_EQ(rpc_port_parcel_create_from_port(&raw, c.port), 0);
-  p.reset(raw);
+  ASSERT_EQ(Take(c.port, &p), 0);
   char *s = reinterpret_cast<char *>(1);
   EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &s), -5);
   EXPECT_EQ(s, nullptr);
-
-  ASSERT_EQ(rpc_port_parcel_create_from_port(&raw, c.port), 0);
-  p.reset(raw);
+  ASSERT_EQ(Take(c.port, &p), 0);
   bundle *b = reinterpret_cast<bundle *>(1);
   EXPECT_EQ(rpc_port_parcel_read_bundle(p.get(), &b), -5);
   EXPECT_EQ(b, nullptr);
   EXPECT_EQ(c.disconnected, 0);
+}
+
+TEST_F(RpcPortHostileApp, AbsurdLengthOnTheCallbackOrATruncatedMainFrameDisconnects) {
+  for (bool truncated : {false, true}) {
+    Client c;
+    ASSERT_EQ(c.connect("test.fake"), 0);
+    ASSERT_TRUE(fake->acceptPair());
+    WriteAll(fake->main_fd, Ack(RPC_PORT_PORT_MAIN));
+    WriteAll(fake->cb_fd, Ack(RPC_PORT_PORT_CALLBACK));
+    ASSERT_TRUE(c.waitConnected());
+    if (truncated) {
+      WriteAll(fake->main_fd, Frame("0123456789").substr(0, 12));
+      close(fake->main_fd);
+      fake->main_fd = -1;
+      Parcel none;
+      EXPECT_EQ(Take(c.port, &none), -5);
+    } else {
+      WriteAll(fake->cb_fd, Frame("", VELNA_FRAME_MAGIC, 0xFFFFFFFEu));
+    }
+    ASSERT_TRUE(RunLoopUntil([&] { return c.disconnected > 0; }, 5000)) << truncated;
+    EXPECT_EQ(c.received, 0);
+    fake->closePair();
+  }
+}
+
+TEST(Parcel, FieldsReadBackInTheOrderWritten) {
+  Parcel p = NewParcel();
+  Bundle b = BundleWith("inside");
+  bundle_add_byte(b.get(), "raw", "\0\1\2", 3);
+  ASSERT_EQ(rpc_port_parcel_write_int32(p.get(), -7), 0);
+  ASSERT_EQ(rpc_port_parcel_write_bool(p.get(), true), 0);
+  ASSERT_EQ(rpc_port_parcel_write_string(p.get(), ""), 0);
+  ASSERT_EQ(rpc_port_parcel_write_string(p.get(), "text"), 0);
+  ASSERT_EQ(rpc_port_parcel_write_bundle(p.get(), b.get()), 0);
+  ASSERT_EQ(rpc_port_parcel_write_int32(p.get(), INT32_MIN), 0);
+
+  int i = 0;
+  bool flag = false;
+  char *empty = nullptr;
+  char *text = nullptr;
+  bundle *read = nullptr;
+  EXPECT_EQ(rpc_port_parcel_read_int32(p.get(), &i), 0);
+  EXPECT_EQ(i, -7);
+  EXPECT_EQ(rpc_port_parcel_read_bool(p.get(), &flag), 0);
+  EXPECT_TRUE(flag);
+  EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &empty), 0);
+  EXPECT_STREQ(empty, "");
+  EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &text), 0);
+  EXPECT_STREQ(text, "text");
+  EXPECT_EQ(rpc_port_parcel_read_bundle(p.get(), &read), 0);
+  Bundle owned(read);
+  EXPECT_EQ(ValueOf(read), "inside");
+  void *bytes = nullptr;
+  size_t size = 0;
+  EXPECT_EQ(bundle_get_byte(read, "raw", &bytes, &size), 0);
+  EXPECT_EQ(size, 3u);
+  EXPECT_EQ(rpc_port_parcel_read_int32(p.get(), &i), 0);
+  EXPECT_EQ(i, INT32_MIN);
+  free(empty);
+  free(text);
+}
+
+TEST(Parcel, ReadsPastTheEndOrOfAnotherTypeYieldNothing) {
+  Parcel p = NewParcel();
+  rpc_port_parcel_write_string(p.get(), "only");
+
+  int i = 5;
+  bool flag = true;
+  bundle *b = reinterpret_cast<bundle *>(1);
+  EXPECT_EQ(rpc_port_parcel_read_int32(p.get(), &i), -5);
+  EXPECT_EQ(i, 0);
+  EXPECT_EQ(rpc_port_parcel_read_bool(p.get(), &flag), -5);
+  EXPECT_FALSE(flag);
+  EXPECT_EQ(rpc_port_parcel_read_bundle(p.get(), &b), -5);
+  EXPECT_EQ(b, nullptr);
+
+  // A failed read leaves the position where it was.
+  char *s = nullptr;
+  EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &s), 0);
+  EXPECT_STREQ(s, "only");
+  free(s);
+  s = reinterpret_cast<char *>(1);
+  EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &s), -5);
+  EXPECT_EQ(s, nullptr);
+
+  Parcel empty = NewParcel();
+  EXPECT_EQ(rpc_port_parcel_read_int32(empty.get(), &i), -5);
+  EXPECT_EQ(i, 0);
+}
+
+TEST(Parcel, GrowsNoFurtherThanTheCap) {
+  Parcel p = NewParcel();
+  std::string big(RPC_PORT_MAX_PARCEL_SIZE - 16, 'x');
+  ASSERT_EQ(rpc_port_parcel_write_string(p.get(), big.c_str()), 0);
+  EXPECT_EQ(rpc_port_parcel_write_string(p.get(), "0123456789abcdef"), -90);
+  EXPECT_EQ(rpc_port_parcel_write_int32(p.get(), 1), 0) << "what still fits is written";
+  char *s = nullptr;
+  EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &s), 0);
+  EXPECT_EQ(strlen(s), big.size());
+  free(s);
+}
+
+// The one wait of 30 s: a target that runs but never opens the port.
+TEST_F(RpcPort, TargetThatRunsButNeverListensIsRejectedAfterThirtySeconds) {
+  installEcho();
+  setenv("TEST_APP_MODE", "idle", 1);
+  Client c;
+  ASSERT_EQ(c.connect(), 0);
+  gint64 start = g_get_monotonic_time();
+
+  ASSERT_FALSE(testsupport::RunLoopUntil([&] { return c.events() > 0; }, 28000))
+      << "rejected early";
+  ASSERT_TRUE(testsupport::RunLoopUntil([&] { return c.rejected > 0; }, 10000));
+  gint64 waited_s = (g_get_monotonic_time() - start) / G_USEC_PER_SEC;
+  EXPECT_GE(waited_s, 29);
+  EXPECT_LT(waited_s, 38);
+  EXPECT_EQ(c.connected, 0);
+
+  bool running = false;
+  app_manager_is_running(kEchoApp, &running);
+  EXPECT_TRUE(running) << "the app itself stays; only the connection is given up";
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "BusFixture.h"
 
 #include <errno.h>
-#include <glib/gstdio.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -9,6 +8,8 @@
 #include <unistd.h>
 
 #include <stdexcept>
+
+#include "TempEnv.h"
 
 namespace testsupport {
 
@@ -67,22 +68,6 @@ void stopChild(pid_t pid) {
   waitpid(pid, nullptr, 0);
 }
 
-void removeTree(const std::string &path) {
-  GDir *dir = g_dir_open(path.c_str(), 0, nullptr);
-  if (dir) {
-    while (const char *name = g_dir_read_name(dir)) {
-      std::string child = path + "/" + name;
-      if (g_file_test(child.c_str(), G_FILE_TEST_IS_DIR) &&
-          !g_file_test(child.c_str(), G_FILE_TEST_IS_SYMLINK))
-        removeTree(child);
-      else
-        g_unlink(child.c_str());
-    }
-    g_dir_close(dir);
-  }
-  g_rmdir(path.c_str());
-}
-
 }  // namespace
 
 BusFixture::BusFixture() {
@@ -97,14 +82,14 @@ BusFixture::BusFixture() {
                             "--nofork"},
                            &out);
   } catch (...) {
-    removeTree(dir_);
+    RemoveTree(dir_);
     throw;
   }
   address_ = readLine(out, kStartTimeoutMs);
   close(out);
   if (address_.empty()) {
     stopChild(pid_);
-    removeTree(dir_);
+    RemoveTree(dir_);
     throw std::runtime_error("dbus-daemon printed no address");
   }
 
@@ -123,7 +108,7 @@ BusFixture::BusFixture() {
     std::string message = std::string("cannot connect to the private bus: ") + error->message;
     g_error_free(error);
     stopChild(pid_);
-    removeTree(dir_);
+    RemoveTree(dir_);
     throw std::runtime_error(message);
   }
 }
@@ -139,7 +124,7 @@ BusFixture::~BusFixture() {
   g_dbus_connection_close_sync(connection_, nullptr, nullptr);
   g_object_unref(connection_);
   stopChild(pid_);
-  removeTree(dir_);
+  RemoveTree(dir_);
 
   if (hadPreviousAddress_)
     setenv("DBUS_SYSTEM_BUS_ADDRESS", previousAddress_.c_str(), 1);
@@ -192,15 +177,9 @@ void WmSim::addWindow(int windowPid, bool focused) {
   g_variant_unref(call("AddWindow", g_variant_new("(ib)", windowPid, focused), nullptr));
 }
 
-void WmSim::removeWindow(int windowPid) {
-  g_variant_unref(call("RemoveWindow", g_variant_new("(i)", windowPid), nullptr));
-}
-
 void WmSim::focus(int windowPid) {
   g_variant_unref(call("Focus", g_variant_new("(i)", windowPid), nullptr));
 }
-
-void WmSim::clear() { g_variant_unref(call("Clear", nullptr, nullptr)); }
 
 void WmSim::setLayout(int layout) {
   g_variant_unref(call("SetLayout", g_variant_new("(u)", guint32(layout)), nullptr));
@@ -208,19 +187,6 @@ void WmSim::setLayout(int layout) {
 
 void WmSim::setAnswering(bool answering) {
   g_variant_unref(call("SetAnswering", g_variant_new("(b)", gboolean(answering)), nullptr));
-}
-
-std::vector<std::pair<int, bool>> WmSim::windows() {
-  GVariant *reply = call("ListWindows", nullptr, "(a(ib))");
-  std::vector<std::pair<int, bool>> result;
-  GVariantIter *iter = nullptr;
-  g_variant_get(reply, "(a(ib))", &iter);
-  gint32 pid = 0;
-  gboolean focused = FALSE;
-  while (g_variant_iter_next(iter, "(ib)", &pid, &focused)) result.emplace_back(pid, focused);
-  g_variant_iter_free(iter);
-  g_variant_unref(reply);
-  return result;
 }
 
 }  // namespace testsupport

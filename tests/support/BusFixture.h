@@ -55,13 +55,9 @@ class WmSim {
   // The control interface. Each call waits for the simulator's reply and throws
   // std::runtime_error when it fails.
   void addWindow(int windowPid, bool focused);
-  void removeWindow(int windowPid);
   void focus(int windowPid);
-  void clear();
   void setLayout(int layout);
   void setAnswering(bool answering);
-  // (pid, focused) of every window, in reply order.
-  std::vector<std::pair<int, bool>> windows();
 
  private:
   GVariant *call(const char *method, GVariant *parameters, const char *replyType);

@@ -18,13 +18,6 @@ int LogCapture::count(const std::string &needle) const {
   return n;
 }
 
-bool LogCapture::hasExact(const std::string &tag, log_priority prio,
-                          const std::string &message) const {
-  for (const LogLine &line : lines_)
-    if (line.tag == tag && line.prio == prio && line.message == message) return true;
-  return false;
-}
-
 int LogCapture::find(const std::string &needle, int from) const {
   for (size_t i = from < 0 ? 0 : size_t(from); i < lines_.size(); ++i)
     if (lines_[i].message.find(needle) != std::string::npos) return int(i);

@@ -26,8 +26,6 @@ class LogCapture {
   // Lines whose message contains needle (any tag, any priority).
   int count(const std::string &needle) const;
   bool has(const std::string &needle) const { return count(needle) > 0; }
-  // True when a line with exactly this tag, priority and message was logged.
-  bool hasExact(const std::string &tag, log_priority prio, const std::string &message) const;
   // Index of the first line at or after from whose message contains needle, or -1.
   int find(const std::string &needle, int from = 0) const;
   void clear() { lines_.clear(); }

@@ -1,6 +1,8 @@
 #include "TempEnv.h"
 
+#include <app_control.h>
 #include <app_manager.h>
+#include <message_port.h>
 #include <glib.h>
 #include <glib/gstdio.h>
 #include <stdlib.h>
@@ -8,18 +10,17 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "LoopUntil.h"
+
 namespace testsupport {
 
-namespace {
-
-void removeTree(const std::string &path) {
-  GDir *dir = g_dir_open(path.c_str(), 0, nullptr);
-  if (dir) {
+void RemoveTree(const std::string &path) {
+  if (GDir *dir = g_dir_open(path.c_str(), 0, nullptr)) {
     while (const char *name = g_dir_read_name(dir)) {
       std::string child = path + "/" + name;
       if (g_file_test(child.c_str(), G_FILE_TEST_IS_DIR) &&
           !g_file_test(child.c_str(), G_FILE_TEST_IS_SYMLINK))
-        removeTree(child);
+        RemoveTree(child);
       else
         g_unlink(child.c_str());
     }
@@ -27,8 +28,6 @@ void removeTree(const std::string &path) {
   }
   g_rmdir(path.c_str());
 }
-
-}  // namespace
 
 TempEnv::TempEnv() {
   char tmpl[] = "/tmp/vt-XXXXXX";
@@ -44,7 +43,7 @@ TempEnv::TempEnv() {
 
 TempEnv::~TempEnv() {
   for (const std::string &appId : installed_) app_manager_terminate_app(appId.c_str());
-  removeTree(root_);
+  RemoveTree(root_);
 }
 
 void TempEnv::install(const Manifest &m) {
@@ -52,10 +51,8 @@ void TempEnv::install(const Manifest &m) {
   if (!m.infoPackage.empty()) text += "InfoPackage=" + m.infoPackage + "\n";
   if (!m.exec.empty()) text += "Exec=" + m.exec + "\n";
   if (!m.allowedClients.empty()) text += "AllowedClients=" + m.allowedClients + "\n";
-  if (!m.metadata.empty()) {
-    text += "\n[Metadata]\n";
-    for (const auto &kv : m.metadata) text += kv.first + "=" + kv.second + "\n";
-  }
+  if (!m.metadata.empty()) text += "\n[Metadata]\n";
+  for (const auto &kv : m.metadata) text += kv.first + "=" + kv.second + "\n";
   installRaw(m.appId, text);
 }
 
@@ -64,6 +61,42 @@ void TempEnv::installRaw(const std::string &appId, const std::string &text) {
   for (const std::string &known : installed_)
     if (known == appId) return;
   installed_.push_back(appId);
+}
+
+void TempEnv::installSample(const std::string &appId, const std::string &exec) {
+  const std::string key = "http://velna.org/velna/metadata/talvo/";
+  std::string own = PORT_COMPANION_EXEC, sdk = "1.0-alpha", version = "1.0.0", capsule = "port";
+  Manifest m{appId, appId, "", "", "", {}};
+  if (appId == kRpcApp) {
+    own = RPC_COMPANION_EXEC, sdk = "1.1.0", version = "1.1.0", capsule = "rpc";
+  } else if (appId == kAliasApp) {
+    own = ALIAS_COMPANION_EXEC, sdk = "1.1.0", version = "2.0.0", capsule = "alias";
+    m.package = "org.velna.samplehost.alias";
+    m.infoPackage = "org.velna.sample.alias";
+  }
+  m.exec = exec.empty() ? own : exec;
+  m.metadata = {{key + "companion-app/version", version},
+                {key + "companion-app/capsule-id", "sample." + capsule + ".capsule"},
+                {key + "sdk/version", sdk}};
+  install(m);
+}
+
+bool TempEnv::launch(const std::string &appId, const char *port) {
+  app_control_h control = nullptr;
+  if (app_control_create(&control) != 0) return false;
+  app_control_set_app_id(control, appId.c_str());
+  int ret = app_control_send_launch_request(control, nullptr, nullptr);
+  app_control_destroy(control);
+  return ret == 0 && RunLoopUntil(
+                         [&] {
+                           bool ready = false;
+                           if (port)
+                             message_port_check_remote_port(appId.c_str(), port, &ready);
+                           else
+                             app_manager_is_running(appId.c_str(), &ready);
+                           return ready;
+                         },
+                         10000);
 }
 
 }  // namespace testsupport

@@ -9,6 +9,11 @@
 
 namespace testsupport {
 
+// The sample companion apps, as their manifests name them.
+constexpr char kPortApp[] = "org.velna.sample.portcompanion";
+constexpr char kRpcApp[] = "org.velna.sample.rpccompanion";
+constexpr char kAliasApp[] = "org.velna.sample.aliascompanion";
+
 struct Manifest {
   std::string appId;
   std::string package;
@@ -17,6 +22,9 @@ struct Manifest {
   std::string allowedClients;  // empty: the key is left out; else the raw list "a;b;"
   std::vector<std::pair<std::string, std::string>> metadata;  // in file order
 };
+
+// Removes path and everything below it; symbolic links are removed, not followed.
+void RemoveTree(const std::string &path);
 
 class TempEnv {
  public:
@@ -33,6 +41,13 @@ class TempEnv {
   void install(const Manifest &manifest);
   // Writes raw manifest text for appId (for malformed-manifest cases).
   void installRaw(const std::string &appId, const std::string &text);
+  // Installs a sample app (kPortApp: SDK "1.0-alpha", version "1.0.0"; kRpcApp: "1.1.0",
+  // "1.1.0"; kAliasApp: an alias package, "1.1.0", "2.0.0"), running exec instead of its
+  // own program when exec is given.
+  void installSample(const std::string &appId, const std::string &exec = "");
+  // Launches an installed app as the platform does and runs the loop until the app runs
+  // and, given a port, has registered that message port. False when not within 10 s.
+  bool launch(const std::string &appId, const char *port = nullptr);
 
  private:
   std::string root_;

@@ -1,0 +1,271 @@
+// The app that the tests launch: one program for every suite. It first prints what it was
+// started with (one line on standard output), then serves by its mode (its first
+// argument, else TEST_APP_MODE):
+//   exit          exit at once, before the loop
+//   ignore-term   run the loop and ignore SIGTERM
+//   echo          serve rpc-port "echo": every parcel starts with an int32 command
+//                   ECHO (1), string, bundle -> main: RESULT (0), the string, the bundle
+//                   CALLBACK (2), bundle     -> callback: INVOKE (1), the bundle
+//                   SILENT (3) nothing; CRASH (4) SIGKILL itself; CLOSE (5) the handler
+//                   returns non-zero; WHO (6) -> main: RESULT, sender, instance;
+//                   anything else -> main: -1
+//   lax, callback-first, exit-on-register, silent-on-register
+//                 serve interface "message" by hand: keep every delegate ever registered
+//                 (also after UnsetCB, also once ones); "callback-first" answers SetCB
+//                 with a Callback parcel on the main channel before the Result;
+//                 "exit-on-register" exits at SetCB; "silent-on-register" never answers
+//                 it. SetCB and UnsetCB answer MESSAGE_TEST_APP_REGISTER_RESULT (0).
+//                 A Send bundle's "do" lists steps: "answer" (invoke every delegate
+//                 "count" times with "result" = the Send's "sample_result" and
+//                 "commands", the codes received on this connection), "unknown-seq", "unreadable-string" (a Callback
+//                 without arguments), "wrong-command" (command 7 on the callback
+//                 channel), "stray-result" (Result 55 on the main channel)
+//   other         run the loop until SIGTERM
+// In every mode that runs the loop, the environment adds:
+//   MP_TEST_PORT      register this message port, whose messages carry "cmd":
+//                       "echo" the message plus "sender" back to "reply_port";
+//                       "send" "count" numbered messages of "size" bytes there;
+//                       "sink" answer "sunk" with the size of "data"; "quit"
+//   MP_TEST_SEND_TO   "<app>:<port>": send MP_TEST_SEND_COUNT (1) numbered messages of
+//                     MP_TEST_SEND_SIZE (16) bytes there at start; with
+//                     MP_TEST_QUIT_AFTER_SEND=1 quit (flushing) right after
+#include <bundle.h>
+#include <glib-unix.h>
+#include <message_port.h>
+#include <rpc-port.h>
+#include <signal.h>
+#include <unistd.h>
+#include <velna_main_loop.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string Env(const char *name, const char *fallback = "") {
+  const char *value = getenv(name);
+  return value ? value : fallback;
+}
+
+std::string Get(bundle *b, const char *key, const char *fallback = "") {
+  char *value = nullptr;
+  return bundle_get_str(b, key, &value) == 0 ? value : fallback;
+}
+
+long Number(bundle *b, const char *key, long fallback) {
+  return strtol(Get(b, key, std::to_string(fallback).c_str()).c_str(), nullptr, 10);
+}
+
+const std::string kSelf = Env("VELNA_APP_ID");
+std::string mode;
+
+// Message port.
+
+int SendNumbered(const std::string &app, const std::string &port, long count, size_t size) {
+  std::vector<unsigned char> data(size);
+  int r = 0;
+  for (long i = 0; i < count && r == 0; i++) {
+    for (size_t k = 0; k < size; k++) data[k] = static_cast<unsigned char>(k * 31u + i);
+    bundle *b = bundle_create();
+    bundle_add_str(b, "cmd", "numbered");
+    bundle_add_str(b, "seq", std::to_string(i).c_str());
+    bundle_add_byte(b, "data", data.data(), size);
+    r = message_port_send_message(app.c_str(), port.c_str(), b);
+    bundle_free(b);
+  }
+  if (r < 0) fprintf(stderr, "test-app: send to %s:%s failed: %d\n", app.c_str(), port.c_str(), r);
+  return r;
+}
+
+void OnMessage(int, const char *sender, const char *, bool, bundle *message, void *) {
+  std::string cmd = Get(message, "cmd"), replyPort = Get(message, "reply_port");
+  if (cmd == "quit") velna_main_loop_quit();
+  if (!sender || replyPort.empty()) return;
+  int r = 0;
+  bundle *reply = nullptr;
+  if (cmd == "echo") {
+    reply = bundle_dup(message);
+    bundle_add_str(reply, "sender", sender);
+  } else if (cmd == "send") {
+    r = SendNumbered(sender, replyPort, Number(message, "count", 1), Number(message, "size", 16));
+  } else if (cmd == "sink") {
+    void *data = nullptr;
+    size_t size = 0;
+    bundle_get_byte(message, "data", &data, &size);
+    reply = bundle_create();
+    bundle_add_str(reply, "cmd", "sunk");
+    bundle_add_str(reply, "size", std::to_string(size).c_str());
+  }
+  if (reply) {
+    r = message_port_send_message(sender, replyPort.c_str(), reply);
+    bundle_free(reply);
+  }
+  if (r < 0) fprintf(stderr, "test-app: answer to %s failed: %d\n", sender, r);
+}
+
+// rpc-port: writes ints, then the optional fields, and sends.
+void Write(rpc_port_h port, const std::vector<int> &ints, const std::vector<std::string> &texts,
+           bundle *b) {
+  rpc_port_parcel_h parcel = nullptr;
+  if (rpc_port_parcel_create(&parcel) != 0) return;
+  for (int value : ints) rpc_port_parcel_write_int32(parcel, value);
+  for (const std::string &text : texts) rpc_port_parcel_write_string(parcel, text.c_str());
+  if (b) rpc_port_parcel_write_bundle(parcel, b);
+  rpc_port_parcel_send(parcel, port);
+  rpc_port_parcel_destroy(parcel);
+}
+
+rpc_port_stub_h stub;
+
+int OnEcho(const char *sender, const char *instance, rpc_port_h port, void *) {
+  rpc_port_parcel_h in = nullptr;
+  if (rpc_port_parcel_create_from_port(&in, port) != 0) return -1;
+  int cmd = -1, result = 0;
+  char *text = nullptr;
+  bundle *b = nullptr;
+  rpc_port_h callback = nullptr;
+  rpc_port_parcel_read_int32(in, &cmd);
+  if (cmd == 1) {
+    rpc_port_parcel_read_string(in, &text);
+    rpc_port_parcel_read_bundle(in, &b);
+    Write(port, {0}, {text ? text : ""}, b);
+  } else if (cmd == 2) {
+    rpc_port_parcel_read_bundle(in, &b);
+    if (b && rpc_port_stub_get_port(stub, RPC_PORT_PORT_CALLBACK, instance, &callback) == 0)
+      Write(callback, {1}, {}, b);
+  } else if (cmd == 4) {
+    raise(SIGKILL);
+  } else if (cmd == 5) {
+    result = 1;
+  } else if (cmd == 6) {
+    Write(port, {0}, {sender, instance}, nullptr);
+  } else if (cmd != 3) {
+    Write(port, {-1}, {}, nullptr);
+  }
+  free(text);
+  if (b) bundle_free(b);
+  rpc_port_parcel_destroy(in);
+  return result;
+}
+
+// Interface "message", by hand.
+struct Delegate {
+  int id, seq;
+  bool once;
+};
+struct Connection {
+  std::vector<Delegate> delegates;
+  std::string commands;
+};
+std::map<std::string, Connection> connections;
+const int kRegisterResult = atoi(Env("MESSAGE_TEST_APP_REGISTER_RESULT", "0").c_str());
+
+void Invoke(rpc_port_h port, const Delegate &d, bool withId, bundle *b) {
+  rpc_port_parcel_h parcel = nullptr;
+  if (rpc_port_parcel_create(&parcel) != 0) return;
+  for (int value : {1, d.id, d.seq}) rpc_port_parcel_write_int32(parcel, value);
+  rpc_port_parcel_write_bool(parcel, d.once);
+  if (withId) rpc_port_parcel_write_string(parcel, kSelf.c_str());
+  if (b) rpc_port_parcel_write_bundle(parcel, b);
+  rpc_port_parcel_send(parcel, port);
+  rpc_port_parcel_destroy(parcel);
+}
+
+void LaxSend(const std::string &instance, rpc_port_h mainPort, bundle *msg) {
+  Connection &connection = connections[instance];
+  rpc_port_h callback = nullptr;
+  rpc_port_stub_get_port(stub, RPC_PORT_PORT_CALLBACK, instance.c_str(), &callback);
+  std::stringstream steps(Get(msg, "do"));
+  for (std::string step; std::getline(steps, step, ',');) {
+    if (step == "stray-result") Write(mainPort, {0, 55}, {}, nullptr);
+    if (step == "wrong-command") Write(callback, {7}, {}, nullptr);
+    bundle *answer = bundle_create();
+    if (step == "unknown-seq") Invoke(callback, {1, 1000000, false}, true, answer);
+    bundle_add_str(answer, "result", Get(msg, "sample_result").c_str());
+    bundle_add_str(answer, "commands", connection.commands.c_str());
+    for (const Delegate &d : connection.delegates) {
+      if (step == "unreadable-string") Invoke(callback, d, false, nullptr);
+      for (long i = 0; step == "answer" && i < Number(msg, "count", 1); ++i)
+        Invoke(callback, d, true, answer);
+    }
+    bundle_free(answer);
+  }
+}
+
+int OnLax(const char *, const char *instance, rpc_port_h port, void *) {
+  rpc_port_parcel_h parcel = nullptr;
+  if (rpc_port_parcel_create_from_port(&parcel, port) != 0) return -1;
+  int command = -1;
+  rpc_port_parcel_read_int32(parcel, &command);
+  Connection &connection = connections[instance];
+  connection.commands += (connection.commands.empty() ? "" : ",") + std::to_string(command);
+  if (command == 2) {
+    Delegate d{0, 0, false};
+    rpc_port_parcel_read_int32(parcel, &d.id);
+    rpc_port_parcel_read_int32(parcel, &d.seq);
+    rpc_port_parcel_read_bool(parcel, &d.once);
+    connection.delegates.push_back(d);
+    if (mode == "exit-on-register") _exit(0);
+    bundle *stray = bundle_create();
+    bundle_add_str(stray, "result", "stray");
+    if (mode == "callback-first") Invoke(port, d, true, stray);
+    bundle_free(stray);
+    if (mode != "silent-on-register") Write(port, {0, kRegisterResult}, {}, nullptr);
+  } else if (command == 3) {
+    Write(port, {0, kRegisterResult}, {}, nullptr);
+  } else if (command == 4) {
+    bundle *msg = nullptr;
+    rpc_port_parcel_read_bundle(parcel, &msg);
+    if (msg) LaxSend(instance, port, msg);
+    if (msg) bundle_free(msg);
+  }
+  rpc_port_parcel_destroy(parcel);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  mode = argc > 1 ? argv[1] : Env("TEST_APP_MODE");
+  char stdinTarget[256] = "";
+  ssize_t n = readlink("/proc/self/fd/0", stdinTarget, sizeof stdinTarget - 1);
+  if (n > 0) stdinTarget[n] = '\0';
+  printf("test-app pid=%d app=%s operation=%s marker=%s stdin=%s\n", int(getpid()),
+         Env("VELNA_APP_ID", "(none)").c_str(), Env("VELNA_APP_CONTROL_OPERATION", "(none)").c_str(),
+         Env("VELNA_TEST_MARKER", "(none)").c_str(), stdinTarget);
+  fflush(stdout);
+  if (mode == "exit") return 0;
+
+  // ecore installs signal handlers of its own when it starts: set ours after.
+  if (velna_main_loop_init() < 0) return 1;
+  if (mode == "ignore-term")
+    signal(SIGTERM, SIG_IGN);
+  else
+    g_unix_signal_add(SIGTERM, [](gpointer) { velna_main_loop_quit(); return gboolean(G_SOURCE_REMOVE); }, nullptr);
+
+  std::string port = Env("MP_TEST_PORT");
+  if (!port.empty() && message_port_register_local_port(port.c_str(), OnMessage, nullptr) <= 0) return 1;
+  std::string to = Env("MP_TEST_SEND_TO");
+  if (!to.empty()) {
+    size_t colon = to.find(':');
+    SendNumbered(to.substr(0, colon), to.substr(colon + 1), atol(Env("MP_TEST_SEND_COUNT", "1").c_str()),
+                 strtoul(Env("MP_TEST_SEND_SIZE", "16").c_str(), nullptr, 10));
+    if (Env("MP_TEST_QUIT_AFTER_SEND") == "1")
+      g_idle_add([](gpointer) { velna_main_loop_quit(); return gboolean(G_SOURCE_REMOVE); }, nullptr);
+  }
+
+  bool echo = mode == "echo";
+  if (echo || mode == "lax" || mode == "callback-first" || mode == "exit-on-register" ||
+      mode == "silent-on-register") {
+    if (rpc_port_stub_create(&stub, echo ? "echo" : "message") != 0) return 1;
+    rpc_port_stub_add_received_event_cb(stub, echo ? OnEcho : OnLax, nullptr);
+    if (rpc_port_stub_listen(stub) != 0) return 1;
+  }
+  int r = velna_main_loop_run();
+  if (stub) rpc_port_stub_destroy(stub);
+  return r == 0 ? 0 : 1;
+}
