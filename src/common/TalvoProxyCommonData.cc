@@ -2,7 +2,6 @@
 // and the connection that comes with it.
 #include "common/TalvoProxyCommonData.h"
 
-
 #include <new>
 
 #include "common/Log.h"
@@ -11,7 +10,6 @@
 namespace {
 
 constexpr const char kBusName[] = "org.velna.talvo.sdk.proxy";
-
 
 }  // namespace
 

@@ -1,6 +1,5 @@
 #include "core/TalvoProxy.h"
 
-
 #include <new>
 
 #include "common/Log.h"

@@ -133,4 +133,25 @@ TEST_F(MetaDataRegistryTest, FailedReadingLeavesNoEntry) {
   EXPECT_EQ(registry->GetMetaDataInfo("org.velna.test.music"), nullptr);
 }
 
+TEST_F(MetaDataRegistryTest, RemovalAndDeinitializationForgetRecords) {
+  BundlePtr data = RequestBundle("cap.a", "1.0", "1.1.0");
+  ASSERT_NE(registry->ExtractMetaData("org.velna.test.one", data.get()), nullptr);
+  ASSERT_NE(registry->ExtractMetaData("org.velna.test.two", data.get()), nullptr);
+
+  log.clear();
+  registry->RemoveMetaDataMapEntry("org.velna.test.absent");
+  EXPECT_EQ(log.count("MetaDataMap entry not found for :org.velna.test.absent"), 1);
+  EXPECT_EQ(log.count("MetaDataInfo is null"), 1);
+
+  // Size 1 left: the removal of the unknown app took nothing away.
+  registry->RemoveMetaDataMapEntry("org.velna.test.one");
+  EXPECT_TRUE(log.has("Remove metaDataMap size(1)")) << log.dump();
+  EXPECT_EQ(registry->GetMetaDataInfo("org.velna.test.one"), nullptr);
+
+  log.clear();
+  EXPECT_EQ(registry->deinitialize(), 0);
+  EXPECT_TRUE(log.lines().empty()) << log.dump();
+  EXPECT_EQ(registry->GetMetaDataInfo("org.velna.test.two"), nullptr);
+}
+
 }  // namespace
