@@ -20,7 +20,6 @@ constexpr const char kMissingParameterMsg[] = "Json failure because of missing p
 // treated as text that does not parse.
 constexpr int kMaxContextDepth = 1024;
 
-
 struct GObjectUnref {
   void operator()(gpointer object) const { g_object_unref(object); }
 };
@@ -38,35 +37,49 @@ struct GFree {
 };
 using GTextPtr = std::unique_ptr<gchar, GFree>;
 
-// True when brackets outside strings nest deeper than limit. Counts without recursion,
-// so that hostile text costs one pass.
+// True when the JSON parser could recurse deeper than limit into text; it recurses once per
+// bracket, so text past the limit would exhaust the stack. Counts in one pass without
+// recursion. The parser also reads strings in single quotes (no escapes) and comments
+// opened by '/', so brackets nest unless they sit in a string of either quote; once a '/'
+// shows up outside strings, comment rules could hide quotes, and every opening bracket of
+// the whole text is counted instead. Strict JSON never has a '/' outside strings.
 bool nestsDeeperThan(const char *text, int limit) {
   int depth = 0;
-  bool inString = false;
+  int openers = 0;
+  bool beyondStrict = false;
+  char quote = 0;
   bool escaped = false;
   for (const char *p = text; *p; ++p) {
-    if (inString) {
-      if (escaped)
-        escaped = false;
-      else if (*p == '\\')
-        escaped = true;
-      else if (*p == '"')
-        inString = false;
+    if (*p == '{' || *p == '[') ++openers;
+    if (beyondStrict) {
+      if (openers > limit) return true;
       continue;
     }
 
-    if (*p == '"') {
-      inString = true;
+    if (quote) {
+      if (escaped)
+        escaped = false;
+      else if (quote == '"' && *p == '\\')
+        escaped = true;
+      else if (*p == quote)
+        quote = 0;
+      continue;
+    }
+
+    if (*p == '"' || *p == '\'') {
+      quote = *p;
+    } else if (*p == '/') {
+      beyondStrict = true;
     } else if (*p == '{' || *p == '[') {
       if (++depth > limit) return true;
     } else if ((*p == '}' || *p == ']') && depth > 0) {
       --depth;
     }
   }
-  return false;
+  return beyondStrict && openers > limit;
 }
 
-// The envelope of the data model, in its member order, as compact JSON text.
+// The envelope the client receives, members in their fixed order, as compact JSON text.
 GTextPtr buildEnvelope(const std::string &appId, const char *version, const char *capsuleId,
                        JsonObject *context, const char *contextText, bool withBlob) {
   BuilderPtr builder(json_builder_new());

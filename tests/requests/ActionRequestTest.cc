@@ -69,4 +69,35 @@ TEST_F(ActionRequestTest, RequestWhoseMetadataCannotBeReadStaysRecorded) {
   EXPECT_EQ(recorder.calls(), 1);
 }
 
+// Asks the same app again from inside the delivery of its answer.
+struct AskAgain {
+  explicit AskAgain(TalvoProxyActionRequest *request) : request(request) {}
+
+  TalvoProxyActionRequest *request;
+  int calls = 0;
+  Recorder next;
+
+  static void Callback(const char *appId, bundle *, void *userData) {
+    auto *self = static_cast<AskAgain *>(userData);
+    self->calls++;
+    BundlePtr data = RequestWithMetadata("1.0.0", "cap.music");
+    self->request->executeAction(appId, data.get(), Recorder::Callback, &self->next);
+  }
+};
+
+TEST_F(ActionRequestTest, CallbackMayStartANewRequestForTheSameApp) {
+  AskAgain again(request);
+  BundlePtr data = RequestWithMetadata("1.0.0", "cap.music");
+  ASSERT_EQ(request->executeAction(kApp, data.get(), AskAgain::Callback, &again), 0);
+
+  Answer(kApp, "first");
+  EXPECT_EQ(again.calls, 1);
+  EXPECT_EQ(again.next.calls(), 0);
+
+  Answer(kApp, "second");
+  EXPECT_EQ(again.calls, 1);
+  ASSERT_EQ(again.next.calls(), 1);
+  EXPECT_EQ(again.next.last().str("result"), "second");
+}
+
 }  // namespace
