@@ -101,6 +101,10 @@ class TalvoProxyIpc {
   bool initialized = false;
   std::string appStateChunks;
   std::string resultChunks;
+  // Set when the chunked answer in flight passed the buffer cap: its remaining pieces are
+  // dropped up to and including its final one.
+  bool appStateChunksDropped = false;
+  bool resultChunksDropped = false;
   std::map<std::string, AppLaunchInfo *> appLaunchInfoMap;    // owns its records
   std::map<std::string, AppFocusedInfo *> appFocusedInfoMap;  // owns its records
   std::map<std::string, ClientInfo *> clientsMap;             // owns its records

@@ -39,7 +39,7 @@ constexpr int kLaunchCountLimit = 101;
 constexpr double kFocusInterval = 0.5;
 constexpr int kFocusCountLimit = 61;
 
-// Cap of each chunk buffer; a piece that would pass it drops the half-joined answer.
+// Cap of each chunk buffer; a piece that would pass it drops its answer whole.
 constexpr size_t kChunkBufferCap = 128u * 1024u * 1024u;
 
 // Result codes.

@@ -17,37 +17,48 @@ char *GetStr(bundle *b, const char *key) {
   return value;
 }
 
-void LogStatus(const std::string &appId, bundle *message) {
-  LOGD("Request Execution Result Recieved from %s", appId.c_str());
-  LOGD("Status Code:%s", talvo::NullSafe(GetStr(message, kKeyStatusCode)));
-  LOGD("Status Message:%s", talvo::NullSafe(GetStr(message, kKeyStatusMsg)));
-}
-
-// Appends the piece under pieceKey (if any) to buffer. A piece that would pass the cap
-// drops the half-joined answer and this piece: returns false then.
-bool AppendPiece(std::string &buffer, bundle *message, const char *pieceKey,
-                 const std::string &appId) {
-  void *bytes = nullptr;
-  size_t size = 0;
-  if (bundle_get_byte(message, pieceKey, &bytes, &size) != 0 || !bytes)
-    return true;
-  if (size > kChunkBufferCap - buffer.size()) {
-    LOGE("Chunked answer from app:%s passes %zu bytes, dropped", appId.c_str(),
-         kChunkBufferCap);
-    std::string().swap(buffer);
+// Adds one piece message to its kind's buffer. Returns true when the message ends the
+// answer: the joined text (up to its first zero byte) has then been added under joinedKey,
+// unless the message holds that key already, and the marker and piece keys are deleted.
+//
+// A piece that would take the buffer past its cap drops the half-joined answer; the
+// answer's later pieces are dropped too, up to and including its final one, so that its
+// tail never reaches the handler as if it were whole.
+bool JoinPiece(std::string &buffer, bool &dropping, bundle *message, const char *marker,
+               const char *markerKey, const char *pieceKey, const char *joinedKey,
+               const std::string &appId) {
+  const bool last = strcmp(marker, "true") == 0;
+  if (dropping) {
+    dropping = !last;
     return false;
   }
-  buffer.append(static_cast<const char *>(bytes), size);
+
+  void *bytes = nullptr;
+  size_t size = 0;
+  if (bundle_get_byte(message, pieceKey, &bytes, &size) == 0 && bytes) {
+    if (size > kChunkBufferCap - buffer.size()) {
+      LOGE("Chunked answer from app:%s passes %zu bytes, dropped", appId.c_str(),
+           kChunkBufferCap);
+      std::string().swap(buffer);
+      dropping = !last;
+      return false;
+    }
+    buffer.append(static_cast<const char *>(bytes), size);
+  }
+  if (!last)
+    return false;
+
+  bundle_add_str(message, joinedKey, buffer.c_str());
+  bundle_del(message, markerKey);  // marker points into it: not read past here
+  bundle_del(message, pieceKey);
   return true;
 }
 
-// Puts the joined text in place of the piece and marker keys. The text ends at its first
-// zero byte; a key that the message already holds keeps the message's value.
-void FinishChunks(bundle *message, const std::string &buffer, const char *joinedKey,
-                  const char *markerKey, const char *pieceKey) {
-  bundle_add_str(message, joinedKey, buffer.c_str());
-  bundle_del(message, markerKey);
-  bundle_del(message, pieceKey);
+void HandOn(const TalvoProxyIpc &ipc, const std::string &appId, bundle *answer) {
+  if (ipc.resultCallback)
+    ipc.resultCallback(appId, answer, ipc.resultCallbackUserData);
+  else
+    LOGE("No result handler registered, answer from app:%s dropped", appId.c_str());
 }
 
 }  // namespace
@@ -75,50 +86,36 @@ void TalvoProxyIpc::_appResultReceivedCb(int localPortId, const char *remoteAppI
 }
 
 void TalvoProxyIpc::_processAppResultPort(std::string appId, bundle *message) {
-  const char *appContext = GetStr(message, kKeyAppContext);
+  // "appContext" or its marker makes an app-state answer, and wins over the result keys.
   const char *stateMarker = GetStr(message, kKeyAppStateLastChunk);
-
-  if (appContext || stateMarker) {
-    LogStatus(appId, message);
-    if (stateMarker) {
-      if (!AppendPiece(appStateChunks, message, kKeyAppStateChunk, appId))
-        return;
-      if (strcmp(stateMarker, "true") != 0)
-        return;
-      FinishChunks(message, appStateChunks, kKeyAppContext, kKeyAppStateLastChunk,
-                   kKeyAppStateChunk);
-    }
-    if (resultCallback)
-      resultCallback(appId, message, resultCallbackUserData);
-    else
-      LOGE("No result handler registered, answer from app:%s dropped", appId.c_str());
-    std::string().swap(appStateChunks);  // also gives back a large buffer's memory
-    return;
-  }
-
-  const char *result = GetStr(message, kKeyResult);
-  const char *resultMarker = GetStr(message, kKeyLastChunk);
-  if (!result && !resultMarker) {
+  const bool isState = stateMarker || GetStr(message, kKeyAppContext);
+  const char *resultMarker = isState ? nullptr : GetStr(message, kKeyLastChunk);
+  if (!isState && !resultMarker && !GetStr(message, kKeyResult)) {
     LOGE("Unknown message recieved from app:%s", appId.c_str());
     return;
   }
 
-  LogStatus(appId, message);
-  if (resultMarker) {
-    if (!AppendPiece(resultChunks, message, kKeyChunk, appId))
+  LOGD("Request Execution Result Recieved from %s", appId.c_str());
+  LOGD("Status Code:%s", talvo::NullSafe(GetStr(message, kKeyStatusCode)));
+  LOGD("Status Message:%s", talvo::NullSafe(GetStr(message, kKeyStatusMsg)));
+
+  if (isState) {
+    if (stateMarker && !JoinPiece(appStateChunks, appStateChunksDropped, message, stateMarker,
+                                  kKeyAppStateLastChunk, kKeyAppStateChunk, kKeyAppContext,
+                                  appId))
       return;
-    if (strcmp(resultMarker, "true") != 0)
-      return;
-    FinishChunks(message, resultChunks, kKeyResult, kKeyLastChunk, kKeyChunk);
+    HandOn(*this, appId, message);
+    std::string().swap(appStateChunks);  // also gives back a large buffer's memory
+    return;
   }
 
+  if (resultMarker && !JoinPiece(resultChunks, resultChunksDropped, message, resultMarker,
+                                 kKeyLastChunk, kKeyChunk, kKeyResult, appId))
+    return;
   LOGD("[App Result received] : Message from %s", appId.c_str());
   LOGD("[Received Data with len:%d]------------------------------------------",
        static_cast<int>(resultChunks.size()));
-  if (resultCallback)
-    resultCallback(appId, message, resultCallbackUserData);
-  else
-    LOGE("No result handler registered, answer from app:%s dropped", appId.c_str());
+  HandOn(*this, appId, message);
   std::string().swap(resultChunks);
 }
 
@@ -128,9 +125,6 @@ void TalvoProxyIpc::_processAppResult(std::string appId, bundle *answer) {
     return;
   }
 
-  if (resultCallback)
-    resultCallback(appId, answer, resultCallbackUserData);
-  else
-    LOGE("No result handler registered, answer from app:%s dropped", appId.c_str());
+  HandOn(*this, appId, answer);
   LOGD("Function _processAppResult End");
 }

@@ -53,7 +53,7 @@ TEST_F(IpcReceive, ChunkedResultIsJoinedAndHandedOnOnceWithoutPieceKeys) {
 TEST_F(IpcReceive, CapitalisedMarkerDoesNotEndTheAnswer) {
   receivePiece("app_state_chunk_result", "{\"con", "app_state_last_chunk", "TRUE");
   EXPECT_TRUE(answers.empty());
-  EXPECT_TRUE(log.has("Status Code:(null)"));
+  EXPECT_TRUE(log.has("_processAppResultPort(): Status Code:(null)"));
 
   receivePiece("app_state_chunk_result", "cepts\":1}", "app_state_last_chunk", "true");
   ASSERT_EQ(1u, answers.size());
@@ -98,17 +98,33 @@ TEST_F(IpcReceive, AnswerWithBothKeysIsOneStateAnswerAndKeepsItsOwnJoinedKey) {
   EXPECT_EQ("new", answers[1].str("appContext"));
 }
 
-TEST_F(IpcReceive, PieceThatWouldPassTheCapDropsTheHalfJoinedAnswer) {
-  // Two pieces of 65 MiB pass the 128 MiB cap together.
-  const std::string big(65u * 1024u * 1024u, 'a');
-  receivePiece("chunk_result", big, "last_chunk", "false");
-  receivePiece("chunk_result", big, "last_chunk", "true");
-  EXPECT_TRUE(answers.empty());
+TEST_F(IpcReceive, AnswerUpToTheCapIsJoinedAndOnePastItIsDroppedWhole) {
+  // A first piece one byte short of 128 MiB; its text ends at the zero byte after "ab".
+  const size_t cap = 128u * 1024u * 1024u;
+  BundlePtr big(bundle_create());
+  {
+    std::string piece(cap - 1, '\0');
+    piece[0] = 'a';
+    piece[1] = 'b';
+    bundle_add_byte(big.get(), "chunk_result", piece.data(), piece.size());
+  }
+  bundle_add_str(big.get(), "last_chunk", "false");
+
+  receive(big.get());
+  receivePiece("chunk_result", "c", "last_chunk", "true");
+  ASSERT_EQ(1u, answers.size());
+  EXPECT_EQ("ab", answers[0].str("result"));
+
+  // Two bytes more pass the cap: that answer is dropped, its later pieces with it.
+  receive(big.get());
+  receivePiece("chunk_result", "cd", "last_chunk", "false");
   EXPECT_TRUE(log.has("Chunked answer from app:"));
+  receivePiece("chunk_result", "tail", "last_chunk", "true");
+  EXPECT_EQ(1u, answers.size());
 
   receivePiece("chunk_result", "xy", "last_chunk", "true");
-  ASSERT_EQ(1u, answers.size());
-  EXPECT_EQ("xy", answers[0].str("result"));
+  ASSERT_EQ(2u, answers.size());
+  EXPECT_EQ("xy", answers[1].str("result"));
 }
 
 TEST_F(IpcReceive, RpcPortAnswerNeedsAResultOrContext) {
