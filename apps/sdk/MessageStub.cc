@@ -39,6 +39,9 @@ namespace {
 // Command codes: the first int32 of every parcel.
 enum Command : int { kResult = 0, kCallback = 1, kSetCB = 2, kUnsetCB = 3, kSend = 4 };
 
+// The one delegate kind of the interface; its arguments are (string id, bundle answer).
+constexpr int kResponseDelegate = 1;
+
 constexpr const char *kPortName = "message";
 
 struct ParcelDeleter {
@@ -104,6 +107,12 @@ int MessageStub::respond(const std::string &instance, const std::string &id, bun
   int invoked = 0;
   int failure = 0;
   for (const Delegate &delegate : entry->second) {
+    // Another id would be handed arguments of a layout it does not expect.
+    if (delegate.id != kResponseDelegate) {
+      kept.push_back(delegate);
+      continue;
+    }
+
     rpc_port_parcel_h raw = nullptr;
     r = rpc_port_parcel_create(&raw);
     if (r != 0) {

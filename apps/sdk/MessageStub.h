@@ -37,9 +37,10 @@ class MessageStub {
   // Creates the stub on port "message" and listens. 0 or a negative errno value.
   int listen();
 
-  // Invokes every ResponseCB delegate registered by that connection with (id, answer),
-  // on its callback channel. answer stays the caller's. Returns the number of delegates
-  // invoked, or a negative errno value.
+  // Invokes every ResponseCB delegate (delegate id 1) registered by that connection with
+  // (id, answer), on its callback channel; id is the answering app's own app id. answer
+  // stays the caller's. Returns the number of delegates invoked, or a negative errno value
+  // (-ENOENT for an instance that is not connected).
   int respond(const std::string &instance, const std::string &id, bundle *answer);
 
   // The connections open now.
