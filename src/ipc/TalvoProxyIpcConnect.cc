@@ -47,7 +47,13 @@ int TalvoProxyIpc::_connectApp(const std::string &appId) {
     return kErrNoMemory;
   }
 
-  auto *observer = new (std::nothrow) talvo::Observer(appId);
+  // The observer copies the app id: a copy that cannot be made is a failed allocation too.
+  talvo::Observer *observer = nullptr;
+  try {
+    observer = new (std::nothrow) talvo::Observer(appId);
+  } catch (...) {
+    observer = nullptr;
+  }
   if (!observer) {
     LOGE("Failed to create new Observer");
     delete client;
@@ -72,7 +78,13 @@ int TalvoProxyIpc::_connectApp(const std::string &appId) {
   }
   client->proxy = messageProxy;
 
-  if (!clientsMap.emplace(appId, client).second) {
+  bool inserted = false;
+  try {
+    inserted = clientsMap.emplace(appId, client).second;
+  } catch (...) {
+    inserted = false;  // no room for the entry: released below like a refused insertion
+  }
+  if (!inserted) {
     LOGE("Failed to clientMap insert");
     ReleaseClientInfo(client);
     return kErrNoMemory;

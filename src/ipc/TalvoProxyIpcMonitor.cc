@@ -10,6 +10,7 @@
 // the map and releases it.
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "common/Log.h"
@@ -139,10 +140,12 @@ Eina_Bool TalvoProxyIpc::_appLaunchMonitoringCb(void *data) {
 
     if (ready) {
       LOGD("%s is launched successfully..", appId.c_str());
-      // Out of the map before sending, so that nothing the send triggers finds it.
+      // Out of the map before sending, so that nothing the send triggers finds it; released
+      // on leaving this scope, also when the send throws.
       TakeOut(ipc->appLaunchInfoMap, record);
+      std::unique_ptr<AppLaunchInfo, void (*)(AppLaunchInfo *)> owned(record,
+                                                                      ReleaseLaunchInfo);
       ipc->_sendDataToApp(appId, record->data);
-      ReleaseLaunchInfo(record);
       return ECORE_CALLBACK_CANCEL;
     }
 

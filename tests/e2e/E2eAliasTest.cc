@@ -1,4 +1,5 @@
 // Alias apps: actions wait until the app's window has the focus.
+#include <glib.h>
 #include <stdlib.h>
 #include <talvo_proxy.h>
 #include <unistd.h>
@@ -11,6 +12,8 @@ namespace {
 
 char kConnect[] = "connect";
 char kAction[] = "action";
+char kPort[] = "port";
+char kRpc[] = "rpc";
 
 class E2eAlias : public E2eFixture {};
 
@@ -48,19 +51,45 @@ TEST_F(E2eAlias, FirstActionWithoutAClientIsDroppedAtFocus) {
   EXPECT_FALSE(log.has("is focused successfully"));
 }
 
-TEST_F(E2eAlias, FocusWaitRunsOutAfterThirtyOneSeconds) {
+// The slow waits share one test: both launch waits answer the library's failure at about
+// 10 s while the focus wait goes on to 31 s and drops its request.
+TEST_F(E2eAlias, FocusWaitRunsOutWhileLaunchWaitsOfBothMechanismsAnswerFailure) {
+  // Every sample app starts but never becomes reachable or takes the focus.
   setenv("TALVO_SAMPLE_NO_FOCUS", "1", 1);
+  setenv("TALVO_SAMPLE_NO_PORT", "1", 1);
+  setenv("TALVO_SAMPLE_NO_LISTEN", "1", 1);
   env->installSample(kAliasApp);
+  env->installSample(kRpcApp);
+  env->installSample(kPortApp);
   wm->addWindow(getpid(), true);  // this process's window keeps the focus
 
-  BundlePtr action = MakeBundle({{"actionId", "openGallery"}});
-  ASSERT_EQ(0, talvo_proxy_app_action_execution(kAliasApp, action.get(), onAction, kAction));
+  // The message-port request goes last: the ticks of all waits read the mechanism of the
+  // latest send, and a message-port tick under the rpc-port mechanism would find no client
+  // and drop its request.
+  BundlePtr alias = MakeBundle({{"actionId", "openGallery"}});
+  BundlePtr rpc = MakeBundle({{"actionId", "setAlarm"}});
+  BundlePtr port = MakeBundle({{"actionId", "playMusic"}});
+  gint64 start = g_get_monotonic_time();
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kAliasApp, alias.get(), onAction, kAction));
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kRpcApp, rpc.get(), onAction, kRpc));
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kPortApp, port.get(), onAction, kPort));
+
+  ASSERT_TRUE(waitForCalls(2, 20000)) << log.dump();
+  EXPECT_GE((g_get_monotonic_time() - start) / 1000, 9500);
+  for (const auto &call : calls) {
+    EXPECT_EQ("action:" + std::string(call.appId == kRpcApp ? kRpc : kPort), call.label);
+    EXPECT_EQ("{\"result\":\"Failure\"}", call.str("result"));
+  }
+  // The rpc-port client went with its wait; the message-port app never had one.
+  EXPECT_TRUE(log.has("Remove clientMap size(0)"));
+
   ASSERT_TRUE(testsupport::RunLoopUntil(
-      [&] { return log.has("fail to connect after focused, cnt(61).."); }, 40000))
+      [&] { return log.has("fail to connect after focused, cnt(61).."); }, 30000))
       << log.dump();
+  EXPECT_GE((g_get_monotonic_time() - start) / 1000, 30500);
   EXPECT_EQ(62, log.count("_appFocusedMonitoringCb(): _appFocusedMonitoringCb"));
   testsupport::RunLoopFor(300);
-  EXPECT_TRUE(calls.empty());
+  EXPECT_EQ(2u, calls.size());
 }
 
 }  // namespace
