@@ -2,6 +2,7 @@
 // registry lookups and the removal of rpc-port clients.
 #include "ipc/TalvoProxyIpc.h"
 
+#include <Ecore.h>
 #include <message_port.h>
 
 #include <new>
@@ -55,6 +56,17 @@ int TalvoProxyIpc::initialize() {
     LOGE("TalvoProxyIpc has been already initialized");
     return 0;
   }
+
+  // The waits run on ecore timers, which need ecore to be up even when a request comes
+  // before the client runs its loop. Once per process: the client's loop and ecore stay
+  // the client's, so nothing here ever shuts ecore down. ecore's system modules would
+  // probe the system bus on their own, so they stay off unless the client started ecore.
+  static const bool ecoreUp = [] {
+    ecore_app_no_system_modules();
+    return ecore_init() > 0;
+  }();
+  if (!ecoreUp)
+    LOGE("ecore_init failed: launch and focus waits cannot run");
 
   localPortId = message_port_register_local_port(kPortName, _appResultReceivedCb, this);
   if (localPortId < 0) {
