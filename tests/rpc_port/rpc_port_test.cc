@@ -39,14 +39,12 @@ constexpr const char *kEchoApp = "test.echo";
 constexpr const char *kPortName = "echo";
 
 // The commands of the test app's "echo" mode.
-enum Command { kResult = 0, kInvoke = 1, kEcho = 1, kCallback = 2, kSilent = 3, kCrash = 4,
-               kClose = 5, kWho = 6 };
+enum Command { kResult = 0, kInvoke = 1, kEcho = 1, kCallback = 2, kSilent = 3, kCrash = 4, kWho = 6 };
 
 struct ParcelDeleter {
   void operator()(rpc_port_parcel_s *p) const { rpc_port_parcel_destroy(p); }
 };
 using Parcel = std::unique_ptr<rpc_port_parcel_s, ParcelDeleter>;
-
 using Bundle = testsupport::BundlePtr;
 
 // Takes the next parcel that port delivers into *out (null on failure); the result.
@@ -67,9 +65,24 @@ Bundle BundleWith(const std::string &value) { return testsupport::MakeBundle({{"
 
 std::string ValueOf(bundle *b) { return b ? testsupport::GetStr(b, "v") : "<none>"; }
 
+// The next field of p, or "<failed>" (-99 for an int).
+int ReadInt(rpc_port_parcel_h p) {
+  int v = 0;
+  return rpc_port_parcel_read_int32(p, &v) == 0 ? v : -99;
+}
+std::string ReadStr(rpc_port_parcel_h p) {
+  char *s = nullptr;
+  std::string out = rpc_port_parcel_read_string(p, &s) == 0 ? s : "<failed>";
+  free(s);
+  return out;
+}
+std::string ReadBundleValue(rpc_port_parcel_h p) {
+  bundle *b = nullptr;
+  return rpc_port_parcel_read_bundle(p, &b) == 0 ? ValueOf(Bundle(b).get()) : "<failed>";
+}
+
 // Sends a command parcel on port: the command, then text and b when given.
-int SendCommand(rpc_port_h port, int command, const char *text = nullptr,
-                       bundle *b = nullptr) {
+int SendCommand(rpc_port_h port, int command, const char *text = nullptr, bundle *b = nullptr) {
   Parcel p = NewParcel();
   rpc_port_parcel_write_int32(p.get(), command);
   if (text) rpc_port_parcel_write_string(p.get(), text);
@@ -77,14 +90,15 @@ int SendCommand(rpc_port_h port, int command, const char *text = nullptr,
   return rpc_port_parcel_send(p.get(), port);
 }
 
-// One proxy and what its events reported. Hooks run inside the events, after counting.
+// One proxy and what its events reported. A hook runs inside its event, after counting;
+// without onReceived, the received event reads one invocation from the callback port.
 class Client {
  public:
   Client() {
     EXPECT_EQ(rpc_port_proxy_create(&proxy), 0);
     rpc_port_proxy_add_connected_event_cb(proxy, OnConnected, this);
-    rpc_port_proxy_add_disconnected_event_cb(proxy, OnDisconnected, this);
-    rpc_port_proxy_add_rejected_event_cb(proxy, OnRejected, this);
+    rpc_port_proxy_add_disconnected_event_cb(proxy, Counter<&Client::disconnected>, this);
+    rpc_port_proxy_add_rejected_event_cb(proxy, Counter<&Client::rejected>, this);
     rpc_port_proxy_add_received_event_cb(proxy, OnReceived, this);
   }
   ~Client() {
@@ -93,27 +107,24 @@ class Client {
   Client(const Client &) = delete;
   Client &operator=(const Client &) = delete;
 
-  int connect(const char *app = kEchoApp, const char *port_name = kPortName) {
-    return rpc_port_proxy_connect(proxy, app, port_name);
-  }
+  int connect(const char *app = kEchoApp) { return rpc_port_proxy_connect(proxy, app, kPortName); }
   bool waitConnected(int ms = 10000) {
-    return testsupport::RunLoopUntil([this] { return connected > 0 || rejected > 0; }, ms) &&
-           connected > 0;
+    return RunLoopUntil([this] { return connected > 0 || rejected > 0; }, ms) && connected > 0;
   }
   int events() const { return connected + disconnected + rejected + received; }
 
   rpc_port_proxy_h proxy = nullptr;
   rpc_port_h port = nullptr;  // the main port given by the connected event
-  int connected = 0;
-  int disconnected = 0;
-  int rejected = 0;
-  int received = 0;
+  int connected = 0, disconnected = 0, rejected = 0, received = 0;
   std::vector<std::string> invocations;  // "v" of each bundle read from the callback port
-  std::function<void()> onConnected, onDisconnected, onRejected, onReceived;
+  std::function<void()> onConnected, onReceived;
 
  private:
-  static void OnConnected(const char *endpoint, const char *port_name, rpc_port_h port,
-                          void *data) {
+  template <int Client::*count>
+  static void Counter(const char *, const char *, void *data) {
+    static_cast<Client *>(data)->*count += 1;
+  }
+  static void OnConnected(const char *endpoint, const char *port_name, rpc_port_h port, void *data) {
     Client *c = static_cast<Client *>(data);
     EXPECT_STREQ(port_name, kPortName);
     EXPECT_NE(endpoint, nullptr);
@@ -121,34 +132,16 @@ class Client {
     c->port = port;
     if (c->onConnected) c->onConnected();
   }
-  static void OnDisconnected(const char *, const char *, void *data) {
-    Client *c = static_cast<Client *>(data);
-    c->disconnected++;
-    if (c->onDisconnected) c->onDisconnected();
-  }
-  static void OnRejected(const char *, const char *, void *data) {
-    Client *c = static_cast<Client *>(data);
-    c->rejected++;
-    if (c->onRejected) c->onRejected();
-  }
   static void OnReceived(const char *, const char *, void *data) {
     Client *c = static_cast<Client *>(data);
     c->received++;
-    if (c->onReceived) {
-      c->onReceived();
-      return;
-    }
+    if (c->onReceived) return c->onReceived();
     rpc_port_h cb = nullptr;
     ASSERT_EQ(rpc_port_proxy_get_port(c->proxy, RPC_PORT_PORT_CALLBACK, &cb), 0);
     Parcel p;
     ASSERT_EQ(Take(cb, &p), 0);
-    int command = -1;
-    bundle *b = nullptr;
-    rpc_port_parcel_read_int32(p.get(), &command);
-    rpc_port_parcel_read_bundle(p.get(), &b);
-    Bundle owned(b);
-    EXPECT_EQ(command, kInvoke);
-    c->invocations.push_back(ValueOf(b));
+    EXPECT_EQ(ReadInt(p.get()), kInvoke);
+    c->invocations.push_back(ReadBundleValue(p.get()));
   }
 };
 
@@ -158,38 +151,22 @@ class RpcPort : public ::testing::Test {
     setenv("VELNA_APP_ID", kClientId, 1);
     setenv("TEST_APP_MODE", "echo", 1);
     unsetenv("VELNA_RPC_TIMEOUT_MS");
-    env_ = std::make_unique<testsupport::TempEnv>();
   }
-
   void installEcho(const std::string &allowed = "") {
-    testsupport::Manifest m;
-    m.appId = kEchoApp;
-    m.package = "org.test.echo";
-    m.exec = TEST_APP;
-    m.allowedClients = allowed;
-    env_->install(m);
+    env_.install({kEchoApp, "org.test.echo", "", TEST_APP, allowed, {}});
   }
 
-  std::unique_ptr<testsupport::TempEnv> env_;
+  testsupport::TempEnv env_;
 };
 
 // Echoes text and a bundle over the main port and reads the answer synchronously.
 void ExpectEcho(rpc_port_h port, const std::string &text) {
-  Bundle b = BundleWith(text + "-bundle");
-  ASSERT_EQ(SendCommand(port, kEcho, text.c_str(), b.get()), 0);
+  ASSERT_EQ(SendCommand(port, kEcho, text.c_str(), BundleWith(text + "-bundle").get()), 0);
   Parcel answer;
   ASSERT_EQ(Take(port, &answer), 0);
-  int command = -1;
-  char *echoed = nullptr;
-  bundle *eb = nullptr;
-  EXPECT_EQ(rpc_port_parcel_read_int32(answer.get(), &command), 0);
-  EXPECT_EQ(rpc_port_parcel_read_string(answer.get(), &echoed), 0);
-  EXPECT_EQ(rpc_port_parcel_read_bundle(answer.get(), &eb), 0);
-  Bundle owned(eb);
-  EXPECT_EQ(command, kResult);
-  EXPECT_EQ(echoed ? std::string(echoed) : "<null>", text);
-  EXPECT_EQ(ValueOf(eb), text + "-bundle");
-  free(echoed);
+  EXPECT_EQ(ReadInt(answer.get()), kResult);
+  EXPECT_EQ(ReadStr(answer.get()), text);
+  EXPECT_EQ(ReadBundleValue(answer.get()), text + "-bundle");
 }
 
 int OpenDescriptors() {
@@ -230,52 +207,33 @@ std::string Frame(const std::string &payload, uint32_t magic = VELNA_FRAME_MAGIC
 }
 
 std::string Hello(int kind, const std::string &instance) {
-  std::string p = RPC_PORT_HANDSHAKE_MAGIC;
-  p += char(kind);
-  p += char(instance.size());
-  return Frame(p + instance);
+  return Frame(RPC_PORT_HANDSHAKE_MAGIC + std::string{char(kind), char(instance.size())} + instance);
 }
 
 std::string Ack(int kind) {
-  std::string p = RPC_PORT_HANDSHAKE_MAGIC;
-  p += char(kind);
-  p += char(RPC_PORT_ACK_OK);
-  return Frame(p);
+  return Frame(RPC_PORT_HANDSHAKE_MAGIC + std::string{char(kind), char(RPC_PORT_ACK_OK)});
 }
 
 void WriteAll(int fd, const std::string &bytes) {
   ASSERT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
 }
 
-// Runs the loop until the peer closes fd; what it sent before is appended to got.
-bool WaitForEof(int fd, std::string *got, int ms = 5000) {
-  return RunLoopUntil(
-      [&] {
-        char buf[256];
-        for (;;) {
-          ssize_t r = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
-          if (r == 0) return true;
-          if (r < 0) return errno != EAGAIN && errno != EWOULDBLOCK;
-          got->append(buf, size_t(r));
-        }
-      },
-      ms);
-}
-
-// Reads exactly n bytes within the loop's bound.
-std::string ReadExactly(int fd, size_t n, int ms = 5000) {
+// Runs the loop until n bytes have come from fd, or the peer closed it: what came, plus
+// "<eof>" after a close.
+std::string Read(int fd, size_t n = SIZE_MAX) {
   std::string got;
   RunLoopUntil(
       [&] {
         char buf[256];
         while (got.size() < n) {
           ssize_t r = recv(fd, buf, std::min(sizeof buf, n - got.size()), MSG_DONTWAIT);
-          if (r <= 0) return false;
+          if (r == 0 || (r < 0 && errno != EAGAIN)) return got += "<eof>", true;
+          if (r < 0) return false;
           got.append(buf, size_t(r));
         }
         return true;
       },
-      ms);
+      5000);
   return got;
 }
 
@@ -296,21 +254,13 @@ TEST_F(RpcPort, ConnectLaunchesTheAppThatAnswersOnTheMainPortAndInvokesOnTheCall
   ASSERT_EQ(SendCommand(c.port, kWho), 0);
   Parcel who;
   ASSERT_EQ(Take(c.port, &who), 0);
-  int command = -1;
-  char *sender = nullptr;
-  char *instance = nullptr;
-  rpc_port_parcel_read_int32(who.get(), &command);
-  rpc_port_parcel_read_string(who.get(), &sender);
-  rpc_port_parcel_read_string(who.get(), &instance);
-  EXPECT_STREQ(sender, kClientId);
-  EXPECT_NE(instance, nullptr);
-  free(sender);
-  free(instance);
+  EXPECT_EQ(ReadInt(who.get()), kResult);
+  EXPECT_EQ(ReadStr(who.get()), kClientId);
+  EXPECT_NE(ReadStr(who.get()), "<failed>");
 
   rpc_port_h main_port = nullptr;
   EXPECT_EQ(rpc_port_proxy_get_port(c.proxy, RPC_PORT_PORT_MAIN, &main_port), 0);
   EXPECT_EQ(main_port, c.port);
-  EXPECT_EQ(c.connected, 1);
   EXPECT_EQ(c.received, 0) << "answers on the main port raise no event";
 
   // Invocations on the callback port raise the received event, in order.
@@ -318,6 +268,7 @@ TEST_F(RpcPort, ConnectLaunchesTheAppThatAnswersOnTheMainPortAndInvokesOnTheCall
     ASSERT_EQ(SendCommand(c.port, kCallback, nullptr, BundleWith(v).get()), 0);
   ASSERT_TRUE(RunLoopUntil([&] { return c.invocations.size() == 3; }, 5000));
   EXPECT_EQ(c.invocations, (std::vector<std::string>{"one", "two", "three"}));
+  EXPECT_EQ(c.connected, 1);
   EXPECT_EQ(c.received, 3);
 }
 
@@ -356,30 +307,14 @@ TEST_F(RpcPort, AppKilledMidConnectionDisconnectsWithoutLeakingDescriptors) {
   EXPECT_EQ(OpenDescriptors(), before);
 }
 
-TEST_F(RpcPort, HandlerThatReturnsNonZeroMakesTheStubCloseThatConnectionOnly) {
-  installEcho();
-  Client closing, other;
-  ASSERT_EQ(closing.connect(), 0);
-  ASSERT_EQ(other.connect(), 0);
-  ASSERT_TRUE(closing.waitConnected());
-  ASSERT_TRUE(other.waitConnected());
-
-  ASSERT_EQ(SendCommand(closing.port, kClose), 0);
-  ASSERT_TRUE(RunLoopUntil([&] { return closing.disconnected > 0; }, 5000));
-  ExpectEcho(other.port, "still here");
-  EXPECT_EQ(other.disconnected, 0);
-}
-
 TEST_F(RpcPort, TargetThatExitsBeforeListeningOrCannotBeLaunchedIsRejectedBeforeTheLimit) {
   installEcho();
   setenv("TEST_APP_MODE", "exit", 1);
-  env_->install({"test.noexec", "org.test.noexec", "", "", "", {}});
+  env_.install({"test.noexec", "org.test.noexec", "", "", "", {}});
   Client exits, noexec;
   ASSERT_EQ(exits.connect(), 0);
   ASSERT_EQ(noexec.connect("test.noexec"), 0);
-  gint64 start = g_get_monotonic_time();
   ASSERT_TRUE(RunLoopUntil([&] { return exits.rejected > 0 && noexec.rejected > 0; }, 10000));
-  EXPECT_LT(g_get_monotonic_time() - start, 10 * G_USEC_PER_SEC);
   RunLoopFor(100);
   EXPECT_EQ(exits.connected + noexec.connected, 0);
   EXPECT_EQ(exits.rejected, 1);
@@ -395,16 +330,16 @@ TEST_F(RpcPort, ConnectRefusesUnknownAppsExcludedCallersAndUnusableRuntimeDirsAt
   EXPECT_EQ(c.connect(kEchoApp), -13);
 
   installEcho();
-  std::string file = env_->root() + "/plain-file";
+  std::string file = env_.root() + "/plain-file";
   std::ofstream(file) << "not a directory";
   setenv("VELNA_RUNTIME_DIR", file.c_str(), 1);
   EXPECT_EQ(c.connect(), -5);
-  std::string deep = env_->root() + "/" + std::string(90, 'd');
+  std::string deep = env_.root() + "/" + std::string(90, 'd');
   setenv("VELNA_RUNTIME_DIR", deep.c_str(), 1);
   EXPECT_EQ(c.connect(), -36);
   EXPECT_TRUE(log.has("leaves no room for socket names")) << log.dump();
 
-  setenv("VELNA_RUNTIME_DIR", env_->runtimeDir().c_str(), 1);
+  setenv("VELNA_RUNTIME_DIR", env_.runtimeDir().c_str(), 1);
   RunLoopFor(100);
   EXPECT_EQ(c.events(), 0);
   bool running = true;
@@ -421,10 +356,10 @@ TEST_F(RpcPort, SilentAppFailsTheSynchronousReadAfterTheTimeout) {
   setenv("VELNA_RPC_TIMEOUT_MS", "300", 1);
   ASSERT_EQ(SendCommand(c.port, kSilent), 0);
   gint64 start = g_get_monotonic_time();
-  rpc_port_parcel_h raw = nullptr;
-  EXPECT_EQ(rpc_port_parcel_create_from_port(&raw, c.port), -5);
+  Parcel none;
+  EXPECT_EQ(Take(c.port, &none), -5);
   gint64 waited_ms = (g_get_monotonic_time() - start) / 1000;
-  EXPECT_EQ(raw, nullptr);
+  EXPECT_EQ(none, nullptr);
   EXPECT_GE(waited_ms, 250);
   EXPECT_LT(waited_ms, 5000);
 
@@ -459,29 +394,6 @@ TEST_F(RpcPort, DestroyInsideTheConnectedOrReceivedEventEndsAllLaterEvents) {
   EXPECT_EQ(late.events(), 2);
 }
 
-TEST_F(RpcPort, StubClosesAPeerThatAllowedClientsExcludes) {
-  installEcho("someone.else;");
-  Client c;
-  EXPECT_EQ(c.connect(), -13);
-
-  // Start the app by hand and knock directly: this process is registered as test.client.
-  ASSERT_TRUE(env_->launch(kEchoApp));
-  std::string path = SocketPath(kEchoApp);
-  int main_fd = -1;
-  ASSERT_TRUE(RunLoopUntil([&] { return (main_fd = RawConnect(path)) >= 0; }, 10000));
-  int cb_fd = RawConnect(path);
-  ASSERT_GE(cb_fd, 0);
-  WriteAll(main_fd, Hello(RPC_PORT_PORT_MAIN, "intruder-1"));
-  WriteAll(cb_fd, Hello(RPC_PORT_PORT_CALLBACK, "intruder-1"));
-
-  std::string got;
-  EXPECT_TRUE(WaitForEof(main_fd, &got));
-  EXPECT_TRUE(WaitForEof(cb_fd, &got));
-  EXPECT_EQ(got, "") << "no ack for a client that is not allowed";
-  close(main_fd);
-  close(cb_fd);
-}
-
 TEST_F(RpcPort, HostileBytesToTheStubDropOnlyThatPeer) {
   installEcho();
   Client good;
@@ -489,260 +401,146 @@ TEST_F(RpcPort, HostileBytesToTheStubDropOnlyThatPeer) {
   ASSERT_TRUE(good.waitConnected());
   std::string path = SocketPath(kEchoApp);
 
-  struct Case {
-    const char *what;
-    std::string bytes;
-  };
   std::string flipped = Hello(RPC_PORT_PORT_MAIN, "abc");
-  std::swap(flipped[0], flipped[3]);
-  std::swap(flipped[1], flipped[2]);
-  for (const Case &k : {Case{"absurd length", Frame("", VELNA_FRAME_MAGIC, 0xFFFFFFF0u)},
-                        Case{"byte order flipped", flipped},
-                        Case{"bad instance", Hello(RPC_PORT_PORT_MAIN, "../..")},
-                        Case{"unknown kind", Hello(7, "abc")},
-                        Case{"garbage", std::string(64, '\xA5')}}) {
+  std::reverse(flipped.begin(), flipped.begin() + 4);
+  std::reverse(flipped.begin() + 4, flipped.begin() + 8);
+  for (const std::string &bytes :
+       {Frame("", VELNA_FRAME_MAGIC, 0xFFFFFFF0u), flipped, Hello(RPC_PORT_PORT_MAIN, "../.."),
+        Hello(7, "abc"), std::string(64, '\xA5')}) {
     int fd = RawConnect(path);
-    ASSERT_GE(fd, 0) << k.what;
-    WriteAll(fd, k.bytes);
-    std::string got;
-    EXPECT_TRUE(WaitForEof(fd, &got)) << k.what;
-    EXPECT_EQ(got, "") << k.what;
+    ASSERT_GE(fd, 0);
+    WriteAll(fd, bytes);
+    EXPECT_EQ(Read(fd), "<eof>") << testing::PrintToString(bytes);
     close(fd);
   }
-
-  // Truncated hello, then gone.
-  int cut = RawConnect(path);
+  int cut = RawConnect(path);  // a truncated hello, then gone
   WriteAll(cut, Hello(RPC_PORT_PORT_MAIN, "cut-short").substr(0, 11));
   close(cut);
 
-  // A whole handshake, then a frame that claims more than the cap.
-  int main_fd = RawConnect(path);
-  int cb_fd = RawConnect(path);
+  // A whole handshake, then a frame one past the cap.
+  int main_fd = RawConnect(path), cb_fd = RawConnect(path);
   WriteAll(main_fd, Hello(RPC_PORT_PORT_MAIN, "raw-1"));
   WriteAll(cb_fd, Hello(RPC_PORT_PORT_CALLBACK, "raw-1"));
-  EXPECT_EQ(ReadExactly(main_fd, 14), Ack(RPC_PORT_PORT_MAIN));
-  EXPECT_EQ(ReadExactly(cb_fd, 14), Ack(RPC_PORT_PORT_CALLBACK));
+  EXPECT_EQ(Read(main_fd, 14), Ack(RPC_PORT_PORT_MAIN));
+  EXPECT_EQ(Read(cb_fd, 14), Ack(RPC_PORT_PORT_CALLBACK));
   WriteAll(main_fd, Frame("", VELNA_FRAME_MAGIC, RPC_PORT_MAX_PARCEL_SIZE + 1));
-  std::string got;
-  EXPECT_TRUE(WaitForEof(main_fd, &got));
-  EXPECT_TRUE(WaitForEof(cb_fd, &got));
+  EXPECT_EQ(Read(main_fd), "<eof>");
+  EXPECT_EQ(Read(cb_fd), "<eof>");
   close(main_fd);
   close(cb_fd);
 
   ExpectEcho(good.port, "unbothered");
   EXPECT_EQ(good.disconnected, 0);
-  Client later;
-  ASSERT_EQ(later.connect(), 0);
-  ASSERT_TRUE(later.waitConnected());
-  ExpectEcho(later.port, "newcomer");
 }
 
 // This process plays the app "test.fake": it listens at the port's socket and answers
-// the proxy's handshake with whatever a case asks.
-class FakeStub {
- public:
-  explicit FakeStub(const std::string &path) {
-    listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-    unlink(path.c_str());
-    EXPECT_EQ(bind(listen_fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    EXPECT_EQ(listen(listen_fd_, 8), 0);
-  }
-  ~FakeStub() {
-    closePair();
-    close(listen_fd_);
-  }
-  void closePair() {
-    if (main_fd >= 0) close(main_fd);
-    if (cb_fd >= 0) close(cb_fd);
-    main_fd = cb_fd = -1;
-  }
+// the proxy's handshake and requests with hostile bytes. Each connection it spoils ends
+// alone; a bystander connection to the echo app stays unharmed.
+TEST_F(RpcPort, HostileAppRejectsOrDisconnectsOnlyThatConnection) {
+  installEcho();
+  env_.install({"test.fake", "org.test.fake", "", "", "", {}});
+  Client bystander;
+  ASSERT_EQ(bystander.connect(), 0);
+  ASSERT_TRUE(bystander.waitConnected());
+  std::string path = SocketPath("test.fake");
+  int listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+  ASSERT_EQ(bind(listen_fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+  ASSERT_EQ(listen(listen_fd, 8), 0);
 
-  // Accepts the proxy's two channels and reads their hellos.
-  bool acceptPair() {
-    int fds[2] = {-1, -1};
-    int n = 0;
-    bool ok = RunLoopUntil(
+  const int kMain = RPC_PORT_PORT_MAIN, kCb = RPC_PORT_PORT_CALLBACK;
+  // Connects c, accepts both channels and reads their hellos into fd[kMain] and fd[kCb].
+  auto connectFake = [&](Client *c, int fd[2]) {
+    ASSERT_EQ(c->connect("test.fake"), 0);
+    int n = 0, fds[2] = {-1, -1};
+    ASSERT_TRUE(RunLoopUntil(
         [&] {
-          int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-          if (fd >= 0) fds[n++] = fd;
+          int one = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+          if (one >= 0) fds[n++] = one;
           return n == 2;
         },
-        5000);
-    if (!ok) return false;
-    for (int fd : fds) {
-      std::string header = ReadExactly(fd, 8);
-      uint32_t len = uint8_t(header[4]) | uint32_t(uint8_t(header[5])) << 8;
-      std::string payload = ReadExactly(fd, len);
-      int kind = uint8_t(payload[4]);
-      (kind == RPC_PORT_PORT_MAIN ? main_fd : cb_fd) = fd;
+        5000));
+    for (int one : fds) {
+      std::string header = Read(one, 8);
+      std::string payload = Read(one, uint8_t(header[4]));
+      fd[uint8_t(payload[4]) == kMain ? kMain : kCb] = one;
     }
-    return main_fd >= 0 && cb_fd >= 0;
-  }
+  };
 
-  int main_fd = -1;
-  int cb_fd = -1;
-
- private:
-  int listen_fd_ = -1;
-};
-
-class RpcPortHostileApp : public RpcPort {
- protected:
-  void SetUp() override {
-    installEcho();
-    testsupport::Manifest m;
-    m.appId = "test.fake";
-    m.package = "org.test.fake";
-    env_->install(m);
-    ASSERT_EQ(bystander.connect(), 0);
-    ASSERT_TRUE(bystander.waitConnected());
-    fake = std::make_unique<FakeStub>(SocketPath("test.fake"));
-  }
-  void TearDown() override {
-    ExpectEcho(bystander.port, "bystander");
-    EXPECT_EQ(bystander.disconnected, 0);
-  }
-
-  Client bystander;
-  std::unique_ptr<FakeStub> fake;
-};
-
-TEST_F(RpcPortHostileApp, GarbageOrFlippedByteOrderInsteadOfTheAckRejects) {
-  std::string flipped = Ack(RPC_PORT_PORT_MAIN);
+  std::string flipped = Ack(kMain);
   std::reverse(flipped.begin(), flipped.begin() + 4);
   std::reverse(flipped.begin() + 4, flipped.begin() + 8);
-  for (const std::string &answer : {Frame("hello?"), flipped}) {
+  for (std::string spoil : {"garbage ack", "flipped ack", "absurd length", "truncated frame"}) {
+    SCOPED_TRACE(spoil);
     Client c;
-    ASSERT_EQ(c.connect("test.fake"), 0);
-    ASSERT_TRUE(fake->acceptPair());
-    WriteAll(fake->cb_fd, Ack(RPC_PORT_PORT_CALLBACK));
-    WriteAll(fake->main_fd, answer);
-    ASSERT_TRUE(RunLoopUntil([&] { return c.rejected > 0; }, 5000));
-    EXPECT_EQ(c.connected, 0);
-    fake->closePair();
+    int fd[2];
+    connectFake(&c, fd);
+    WriteAll(fd[kCb], Ack(kCb));
+    if (spoil == "garbage ack" || spoil == "flipped ack") {
+      WriteAll(fd[kMain], spoil == "garbage ack" ? Frame("hello?") : flipped);
+      ASSERT_TRUE(RunLoopUntil([&] { return c.rejected > 0; }, 5000));
+      EXPECT_EQ(c.connected, 0);
+    } else {
+      RunLoopFor(50);
+      EXPECT_EQ(c.connected, 0) << "connected only once both channels are acknowledged";
+      WriteAll(fd[kMain], Ack(kMain));
+      ASSERT_TRUE(c.waitConnected());
+
+      // A string whose length runs past the end of its parcel reads as nothing.
+      WriteAll(fd[kMain], Frame(std::string("\x03\xF0\xFF\xFF\x7F" "abc", 8)));
+      Parcel p;
+      ASSERT_EQ(Take(c.port, &p), 0);
+      char *s = reinterpret_cast<char *>(1);
+      EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &s), -5);
+      EXPECT_EQ(s, nullptr);
+
+      if (spoil == "absurd length") {
+        WriteAll(fd[kCb], Frame("", VELNA_FRAME_MAGIC, 0xFFFFFFFEu));
+      } else {
+        WriteAll(fd[kMain], Frame("0123456789").substr(0, 12));
+        shutdown(fd[kMain], SHUT_WR);
+        EXPECT_EQ(Take(c.port, &p), -5);
+      }
+      ASSERT_TRUE(RunLoopUntil([&] { return c.disconnected > 0; }, 5000));
+      EXPECT_EQ(c.received, 0);
+    }
+    for (int one : fd) close(one);
   }
+  close(listen_fd);
+  ExpectEcho(bystander.port, "bystander");
+  EXPECT_EQ(bystander.disconnected, 0);
 }
 
-TEST_F(RpcPortHostileApp, ConnectedOnlyWithBothAcksAndLyingParcelsReadAsNothing) {
-  Client c;
-  ASSERT_EQ(c.connect("test.fake"), 0);
-  ASSERT_TRUE(fake->acceptPair());
-  WriteAll(fake->main_fd, Ack(RPC_PORT_PORT_MAIN));
-  RunLoopFor(50);
-  EXPECT_EQ(c.connected, 0) << "connected only once both channels are acknowledged";
-  WriteAll(fake->cb_fd, Ack(RPC_PORT_PORT_CALLBACK));
-  ASSERT_TRUE(c.waitConnected());
+TEST(Parcel, FieldsReadBackInOrderAndReadsPastTheEndYieldNothing) {
+  Parcel p = NewParcel();
+  ASSERT_EQ(rpc_port_parcel_write_int32(p.get(), INT32_MIN), 0);
+  ASSERT_EQ(rpc_port_parcel_write_bool(p.get(), true), 0);
+  ASSERT_EQ(rpc_port_parcel_write_string(p.get(), ""), 0);
+  ASSERT_EQ(rpc_port_parcel_write_bundle(p.get(), BundleWith("inside").get()), 0);
+  ASSERT_EQ(rpc_port_parcel_write_string(p.get(), "only"), 0);
 
-  // An int32 field cut short, a string whose length runs past the end, a bundle whose
-  // bytes are not a bundle.
-  WriteAll(fake->main_fd, Frame(std::string("\x01\x07\x00", 3)));
-  WriteAll(fake->main_fd, Frame(std::string("\x03\xF0\xFF\xFF\x7F" "abc", 8)));
-  WriteAll(fake->main_fd, Frame(std::string("\x04\x04\x00\x00\x00" "VBDL", 9)));
-  Parcel p;
-  ASSERT_EQ(Take(c.port, &p), 0);
-  int i = 42;
+  bool flag = false;
+  EXPECT_EQ(ReadInt(p.get()), INT32_MIN);
+  EXPECT_EQ(rpc_port_parcel_read_bool(p.get(), &flag), 0);
+  EXPECT_TRUE(flag);
+  EXPECT_EQ(ReadStr(p.get()), "");
+  EXPECT_EQ(ReadBundleValue(p.get()), "inside");
+
+  // Of another type, or past the end: nothing, and the position stays.
+  int i = 5;
+  bundle *b = reinterpret_cast<bundle *>(1);
   EXPECT_EQ(rpc_port_parcel_read_int32(p.get(), &i), -5);
   EXPECT_EQ(i, 0);
-  ASSERT_EQ(Take(c.port, &p), 0);
+  EXPECT_EQ(rpc_port_parcel_read_bundle(p.get(), &b), -5);
+  EXPECT_EQ(b, nullptr);
+  EXPECT_EQ(ReadStr(p.get()), "only");
   char *s = reinterpret_cast<char *>(1);
   EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &s), -5);
   EXPECT_EQ(s, nullptr);
-  ASSERT_EQ(Take(c.port, &p), 0);
-  bundle *b = reinterpret_cast<bundle *>(1);
-  EXPECT_EQ(rpc_port_parcel_read_bundle(p.get(), &b), -5);
-  EXPECT_EQ(b, nullptr);
-  EXPECT_EQ(c.disconnected, 0);
-}
-
-TEST_F(RpcPortHostileApp, AbsurdLengthOnTheCallbackOrATruncatedMainFrameDisconnects) {
-  for (bool truncated : {false, true}) {
-    Client c;
-    ASSERT_EQ(c.connect("test.fake"), 0);
-    ASSERT_TRUE(fake->acceptPair());
-    WriteAll(fake->main_fd, Ack(RPC_PORT_PORT_MAIN));
-    WriteAll(fake->cb_fd, Ack(RPC_PORT_PORT_CALLBACK));
-    ASSERT_TRUE(c.waitConnected());
-    if (truncated) {
-      WriteAll(fake->main_fd, Frame("0123456789").substr(0, 12));
-      close(fake->main_fd);
-      fake->main_fd = -1;
-      Parcel none;
-      EXPECT_EQ(Take(c.port, &none), -5);
-    } else {
-      WriteAll(fake->cb_fd, Frame("", VELNA_FRAME_MAGIC, 0xFFFFFFFEu));
-    }
-    ASSERT_TRUE(RunLoopUntil([&] { return c.disconnected > 0; }, 5000)) << truncated;
-    EXPECT_EQ(c.received, 0);
-    fake->closePair();
-  }
-}
-
-TEST(Parcel, FieldsReadBackInTheOrderWritten) {
-  Parcel p = NewParcel();
-  Bundle b = BundleWith("inside");
-  bundle_add_byte(b.get(), "raw", "\0\1\2", 3);
-  ASSERT_EQ(rpc_port_parcel_write_int32(p.get(), -7), 0);
-  ASSERT_EQ(rpc_port_parcel_write_bool(p.get(), true), 0);
-  ASSERT_EQ(rpc_port_parcel_write_string(p.get(), ""), 0);
-  ASSERT_EQ(rpc_port_parcel_write_string(p.get(), "text"), 0);
-  ASSERT_EQ(rpc_port_parcel_write_bundle(p.get(), b.get()), 0);
-  ASSERT_EQ(rpc_port_parcel_write_int32(p.get(), INT32_MIN), 0);
-
-  int i = 0;
-  bool flag = false;
-  char *empty = nullptr;
-  char *text = nullptr;
-  bundle *read = nullptr;
-  EXPECT_EQ(rpc_port_parcel_read_int32(p.get(), &i), 0);
-  EXPECT_EQ(i, -7);
-  EXPECT_EQ(rpc_port_parcel_read_bool(p.get(), &flag), 0);
-  EXPECT_TRUE(flag);
-  EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &empty), 0);
-  EXPECT_STREQ(empty, "");
-  EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &text), 0);
-  EXPECT_STREQ(text, "text");
-  EXPECT_EQ(rpc_port_parcel_read_bundle(p.get(), &read), 0);
-  Bundle owned(read);
-  EXPECT_EQ(ValueOf(read), "inside");
-  void *bytes = nullptr;
-  size_t size = 0;
-  EXPECT_EQ(bundle_get_byte(read, "raw", &bytes, &size), 0);
-  EXPECT_EQ(size, 3u);
-  EXPECT_EQ(rpc_port_parcel_read_int32(p.get(), &i), 0);
-  EXPECT_EQ(i, INT32_MIN);
-  free(empty);
-  free(text);
-}
-
-TEST(Parcel, ReadsPastTheEndOrOfAnotherTypeYieldNothing) {
-  Parcel p = NewParcel();
-  rpc_port_parcel_write_string(p.get(), "only");
-
-  int i = 5;
-  bool flag = true;
-  bundle *b = reinterpret_cast<bundle *>(1);
-  EXPECT_EQ(rpc_port_parcel_read_int32(p.get(), &i), -5);
-  EXPECT_EQ(i, 0);
   EXPECT_EQ(rpc_port_parcel_read_bool(p.get(), &flag), -5);
   EXPECT_FALSE(flag);
-  EXPECT_EQ(rpc_port_parcel_read_bundle(p.get(), &b), -5);
-  EXPECT_EQ(b, nullptr);
-
-  // A failed read leaves the position where it was.
-  char *s = nullptr;
-  EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &s), 0);
-  EXPECT_STREQ(s, "only");
-  free(s);
-  s = reinterpret_cast<char *>(1);
-  EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &s), -5);
-  EXPECT_EQ(s, nullptr);
-
-  Parcel empty = NewParcel();
-  EXPECT_EQ(rpc_port_parcel_read_int32(empty.get(), &i), -5);
-  EXPECT_EQ(i, 0);
 }
 
 TEST(Parcel, GrowsNoFurtherThanTheCap) {
@@ -751,10 +549,7 @@ TEST(Parcel, GrowsNoFurtherThanTheCap) {
   ASSERT_EQ(rpc_port_parcel_write_string(p.get(), big.c_str()), 0);
   EXPECT_EQ(rpc_port_parcel_write_string(p.get(), "0123456789abcdef"), -90);
   EXPECT_EQ(rpc_port_parcel_write_int32(p.get(), 1), 0) << "what still fits is written";
-  char *s = nullptr;
-  EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &s), 0);
-  EXPECT_EQ(strlen(s), big.size());
-  free(s);
+  EXPECT_EQ(ReadStr(p.get()), big);
 }
 
 // The one wait of 30 s: a target that runs but never opens the port.
@@ -765,9 +560,8 @@ TEST_F(RpcPort, TargetThatRunsButNeverListensIsRejectedAfterThirtySeconds) {
   ASSERT_EQ(c.connect(), 0);
   gint64 start = g_get_monotonic_time();
 
-  ASSERT_FALSE(testsupport::RunLoopUntil([&] { return c.events() > 0; }, 28000))
-      << "rejected early";
-  ASSERT_TRUE(testsupport::RunLoopUntil([&] { return c.rejected > 0; }, 10000));
+  ASSERT_FALSE(RunLoopUntil([&] { return c.events() > 0; }, 28000)) << "rejected early";
+  ASSERT_TRUE(RunLoopUntil([&] { return c.rejected > 0; }, 10000));
   gint64 waited_s = (g_get_monotonic_time() - start) / G_USEC_PER_SEC;
   EXPECT_GE(waited_s, 29);
   EXPECT_LT(waited_s, 38);

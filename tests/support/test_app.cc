@@ -1,34 +1,24 @@
-// The app that the tests launch: one program for every suite. It first prints what it was
-// started with (one line on standard output), then serves by its mode (its first
-// argument, else TEST_APP_MODE):
-//   exit          exit at once, before the loop
-//   ignore-term   run the loop and ignore SIGTERM
-//   echo          serve rpc-port "echo": every parcel starts with an int32 command
-//                   ECHO (1), string, bundle -> main: RESULT (0), the string, the bundle
-//                   CALLBACK (2), bundle     -> callback: INVOKE (1), the bundle
-//                   SILENT (3) nothing; CRASH (4) SIGKILL itself; CLOSE (5) the handler
-//                   returns non-zero; WHO (6) -> main: RESULT, sender, instance;
-//                   anything else -> main: -1
+// The app that the tests launch. It prints one line of what it was started with, then
+// serves by its mode (first argument, else TEST_APP_MODE):
+//   exit   exit at once, before the loop
+//   echo   serve rpc-port "echo"; each parcel starts with an int32 command: ECHO (1),
+//          string, bundle -> main: RESULT (0), string, bundle; CALLBACK (2), bundle ->
+//          callback: INVOKE (1), bundle; SILENT (3); CRASH (4) SIGKILLs itself; WHO (6)
+//          -> main: RESULT, sender, instance; anything else -> main: -1
 //   lax, callback-first, exit-on-register, silent-on-register
-//                 serve interface "message" by hand: keep every delegate ever registered
-//                 (also after UnsetCB, also once ones); "callback-first" answers SetCB
-//                 with a Callback parcel on the main channel before the Result;
-//                 "exit-on-register" exits at SetCB; "silent-on-register" never answers
-//                 it. SetCB and UnsetCB answer MESSAGE_TEST_APP_REGISTER_RESULT (0).
-//                 A Send bundle's "do" lists steps: "answer" (invoke every delegate
-//                 "count" times with "result" = the Send's "sample_result" and
-//                 "commands", the codes received on this connection), "unknown-seq", "unreadable-string" (a Callback
-//                 without arguments), "wrong-command" (command 7 on the callback
-//                 channel), "stray-result" (Result 55 on the main channel)
-//   other         run the loop until SIGTERM
-// In every mode that runs the loop, the environment adds:
-//   MP_TEST_PORT      register this message port, whose messages carry "cmd":
-//                       "echo" the message plus "sender" back to "reply_port";
-//                       "send" "count" numbered messages of "size" bytes there;
-//                       "sink" answer "sunk" with the size of "data"; "quit"
-//   MP_TEST_SEND_TO   "<app>:<port>": send MP_TEST_SEND_COUNT (1) numbered messages of
-//                     MP_TEST_SEND_SIZE (16) bytes there at start; with
-//                     MP_TEST_QUIT_AFTER_SEND=1 quit (flushing) right after
+//          serve interface "message" by hand, keeping every delegate ever registered.
+//          SetCB and UnsetCB answer MESSAGE_TEST_APP_REGISTER_RESULT (0); at SetCB,
+//          "callback-first" first sends a Callback on the main channel, "exit-on-register"
+//          exits, "silent-on-register" never answers. A Send bundle's "do" lists steps:
+//          "answer" (invoke every delegate "count" times with "result" = "sample_result"
+//          and "commands", the codes this connection received), "unknown-seq",
+//          "unreadable-string", "wrong-command" (7 on the callback channel),
+//          "stray-result" (Result 55 on the main channel)
+//   other  run the loop until SIGTERM
+// With the loop running, MP_TEST_PORT registers that message port, whose messages' "cmd"
+// is "echo" (back to "reply_port" with "sender" added), "send" ("count" numbered
+// messages of "size" bytes to "reply_port"); MP_TEST_SEND_TO "<app>:<port>"
+// sends one numbered message of 16 bytes there at start.
 #include <bundle.h>
 #include <glib-unix.h>
 #include <message_port.h>
@@ -83,7 +73,6 @@ int SendNumbered(const std::string &app, const std::string &port, long count, si
 
 void OnMessage(int, const char *sender, const char *, bool, bundle *message, void *) {
   std::string cmd = Get(message, "cmd"), replyPort = Get(message, "reply_port");
-  if (cmd == "quit") velna_main_loop_quit();
   if (!sender || replyPort.empty()) return;
   int r = 0;
   bundle *reply = nullptr;
@@ -92,13 +81,6 @@ void OnMessage(int, const char *sender, const char *, bool, bundle *message, voi
     bundle_add_str(reply, "sender", sender);
   } else if (cmd == "send") {
     r = SendNumbered(sender, replyPort, Number(message, "count", 1), Number(message, "size", 16));
-  } else if (cmd == "sink") {
-    void *data = nullptr;
-    size_t size = 0;
-    bundle_get_byte(message, "data", &data, &size);
-    reply = bundle_create();
-    bundle_add_str(reply, "cmd", "sunk");
-    bundle_add_str(reply, "size", std::to_string(size).c_str());
   }
   if (reply) {
     r = message_port_send_message(sender, replyPort.c_str(), reply);
@@ -124,7 +106,7 @@ rpc_port_stub_h stub;
 int OnEcho(const char *sender, const char *instance, rpc_port_h port, void *) {
   rpc_port_parcel_h in = nullptr;
   if (rpc_port_parcel_create_from_port(&in, port) != 0) return -1;
-  int cmd = -1, result = 0;
+  int cmd = -1;
   char *text = nullptr;
   bundle *b = nullptr;
   rpc_port_h callback = nullptr;
@@ -139,8 +121,6 @@ int OnEcho(const char *sender, const char *instance, rpc_port_h port, void *) {
       Write(callback, {1}, {}, b);
   } else if (cmd == 4) {
     raise(SIGKILL);
-  } else if (cmd == 5) {
-    result = 1;
   } else if (cmd == 6) {
     Write(port, {0}, {sender, instance}, nullptr);
   } else if (cmd != 3) {
@@ -149,7 +129,7 @@ int OnEcho(const char *sender, const char *instance, rpc_port_h port, void *) {
   free(text);
   if (b) bundle_free(b);
   rpc_port_parcel_destroy(in);
-  return result;
+  return 0;
 }
 
 // Interface "message", by hand.
@@ -242,21 +222,12 @@ int main(int argc, char **argv) {
 
   // ecore installs signal handlers of its own when it starts: set ours after.
   if (velna_main_loop_init() < 0) return 1;
-  if (mode == "ignore-term")
-    signal(SIGTERM, SIG_IGN);
-  else
-    g_unix_signal_add(SIGTERM, [](gpointer) { velna_main_loop_quit(); return gboolean(G_SOURCE_REMOVE); }, nullptr);
+  g_unix_signal_add(SIGTERM, [](gpointer) { velna_main_loop_quit(); return gboolean(G_SOURCE_REMOVE); }, nullptr);
 
   std::string port = Env("MP_TEST_PORT");
   if (!port.empty() && message_port_register_local_port(port.c_str(), OnMessage, nullptr) <= 0) return 1;
   std::string to = Env("MP_TEST_SEND_TO");
-  if (!to.empty()) {
-    size_t colon = to.find(':');
-    SendNumbered(to.substr(0, colon), to.substr(colon + 1), atol(Env("MP_TEST_SEND_COUNT", "1").c_str()),
-                 strtoul(Env("MP_TEST_SEND_SIZE", "16").c_str(), nullptr, 10));
-    if (Env("MP_TEST_QUIT_AFTER_SEND") == "1")
-      g_idle_add([](gpointer) { velna_main_loop_quit(); return gboolean(G_SOURCE_REMOVE); }, nullptr);
-  }
+  if (!to.empty()) SendNumbered(to.substr(0, to.find(':')), to.substr(to.find(':') + 1), 1, 16);
 
   bool echo = mode == "echo";
   if (echo || mode == "lax" || mode == "callback-first" || mode == "exit-on-register" ||
