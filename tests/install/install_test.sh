@@ -17,11 +17,13 @@ export LD_LIBRARY_PATH=$libdir PKG_CONFIG_PATH=$libdir/pkgconfig
 export VELNA_APPS_DIR=$work/apps VELNA_RUNTIME_DIR=$work/rt VELNA_LOG_LEVEL=silent
 mkdir -p "$work/apps"
 
-check() {  # runs a built client: an unknown app declares nothing and cannot be reached
+check() {  # runs a built client through all six functions: an unknown app declares nothing,
+  # cannot be reached and does not run, and without a bus nothing has the focus
   local out
   out=$("$1")
   echo "$out"
-  grep -q "declares playMusic: 0" <<<"$out" && grep -q "request: -12, answered: 0" <<<"$out"
+  grep -q "declares playMusic: 0" <<<"$out" && grep -q "^request: -12, answered: 0$" <<<"$out" &&
+    grep -q "^focused app: (none)$" <<<"$out" && grep -q "^state request: -1073741825$" <<<"$out"
 }
 
 cc -o "$work/client-pc" "$work/client.c" $(pkg-config --cflags --libs talvo-proxy)
