@@ -1,21 +1,13 @@
-// Chunk assembly of answers that arrive on the library's message port. The input is a
-// sequence of answers, each a flag byte (which keys the answer holds, whether its marker
-// says "true"), a length and that many bytes of piece. The large flag with length 0 and
-// the byte 0xC4 makes the piece 32 MiB instead, so that four fill a buffer to its cap.
-// Such an answer costs a good part of a second under the sanitizers, so only the first
-// kLargeBudget of a process get their large piece (the seeds that reach the cap run
-// first, in the replay and when a campaign loads its corpus); later ones get none.
-// A model of the documented joining rules runs beside the library: every answer handed
-// to the result handler must carry the joined text the model expects, without the
-// marker and piece keys, and neither buffer may ever pass its cap.
-#include <bundle.h>
-
-#include <stdlib.h>
-#include <string.h>
-
-#include <cstdint>
-#include <string>
-
+// Chunk assembly of answers on the library's message port. The input is a sequence of
+// answers, each a flag byte (bits 0-2: the app-state text, marker and piece keys; bits
+// 3-5: the same for an action result; bit 6: the marker is "true"), a length and that
+// many bytes of piece. Bit 7 with length 0 and the byte 0xC4 make the piece 32 MiB, so
+// that four fill a buffer to its cap; only the first 32 of a process get it, as each
+// costs a good part of a second under the sanitizers (the seeds reaching the cap run
+// first). A model of the joining rules runs beside the library: each answer handed on
+// must carry the text that the model expects, without the marker and piece keys, and
+// the buffers must hold what the model holds.
+#include "fuzz_env.h"
 #include "ipc/TalvoProxyIpc.h"
 #include "ipc/TalvoProxyIpcInternal.h"
 
@@ -23,63 +15,55 @@ namespace {
 
 using talvo::ipc::kChunkBufferCap;
 
-constexpr const char kAppId[] = "org.fuzz.companion";
-constexpr size_t kLargePiece = 32u * 1024u * 1024u;  // four of them fill a buffer exactly
-constexpr int kLargeBudget = 32;
+constexpr uint8_t kText = 1, kMarker = 2, kPiece = 4, kLast = 64, kLarge = 128;
 
-enum Flag : uint8_t {
-  kContext = 1, kStateMarker = 2, kStatePiece = 4, kResult = 8, kResultMarker = 16,
-  kResultPiece = 32, kMarkerTrue = 64, kLarge = 128,
-};
-
-struct Delivery {
-  int count = 0;
-  std::string key_value;   // the joined key's value in the last delivered answer
-  bool leftovers = false;  // its marker or piece key survived
-};
-
-// What the handler looks at: the joined key of the answer's kind and the two keys that
-// joining removes.
 struct Kind {
-  const char *joined;
-  const char *marker;
-  const char *piece;
+  const char *text_key, *marker_key, *piece_key, *text;  // text: what a plain answer holds
+  std::string TalvoProxyIpc::*chunks;
+  bool TalvoProxyIpc::*dropping;
 };
-constexpr Kind kState = {"appContext", "app_state_last_chunk", "app_state_chunk_result"};
-constexpr Kind kResultKind = {"result", "last_chunk", "chunk_result"};
+const Kind kKinds[] = {
+    {"appContext", "app_state_last_chunk", "app_state_chunk_result", "ctx",
+     &TalvoProxyIpc::appStateChunks, &TalvoProxyIpc::appStateChunksDropped},
+    {"result", "last_chunk", "chunk_result", "res", &TalvoProxyIpc::resultChunks,
+     &TalvoProxyIpc::resultChunksDropped},
+};
 
-Delivery delivered;
-const Kind *watched = nullptr;
+struct Model {
+  std::string buffer;
+  bool dropping = false;  // the answer in flight passed the cap: dropped up to its last piece
+};
 
-void OnResult(std::string appId, bundle *result, void *userData) {
-  (void)userData;
-  if (appId != kAppId || !result) abort();
-  delivered.count++;
-  char *value = nullptr;
-  delivered.key_value = bundle_get_str(result, watched->joined, &value) == 0 ? value : "<none>";
-  delivered.leftovers =
-      bundle_get_type(result, watched->marker) >= 0 || bundle_get_type(result, watched->piece) >= 0;
+const Kind *expected_kind;  // set while an answer is expected to be handed on
+std::string expected_text;
+bool joined;
+
+void OnResult(std::string app_id, bundle *result, void *) {
+  char *text = nullptr;
+  const Kind *kind = expected_kind;
+  if (app_id != "org.fuzz.companion" || !kind || bundle_get_str(result, kind->text_key, &text) ||
+      expected_text != text ||
+      (joined && (bundle_get_type(result, kind->marker_key) >= 0 ||
+                  bundle_get_type(result, kind->piece_key) >= 0)))
+    abort();
+  expected_kind = nullptr;
 }
 
-// The documented rules for one kind of answer: true when the answer is delivered, with
-// the expected value of the joined key in *expected.
-bool ModelStep(std::string &buffer, bool has_text, const char *text, bool has_marker,
-               bool marker_true, const std::string *piece, std::string *expected) {
-  if (has_marker) {
-    if (piece) {
-      if (piece->size() > kChunkBufferCap - buffer.size()) {
-        buffer.clear();
-        return false;
-      }
-      buffer += *piece;
+// Whether an answer of kind with the given keys is handed on; sets the text it must carry.
+bool Step(Model &m, const Kind &kind, unsigned keys, bool last, const std::string &piece) {
+  if (keys & kMarker) {
+    if (m.dropping || ((keys & kPiece) && piece.size() > kChunkBufferCap - m.buffer.size())) {
+      if (!m.dropping) std::string().swap(m.buffer);
+      m.dropping = !last;
+      return false;
     }
-    if (!marker_true) return false;
-    // The joined text ends at its first zero; a key already present keeps its value.
-    *expected = has_text ? text : std::string(buffer.c_str());
-  } else {
-    *expected = text;
+    if (keys & kPiece) m.buffer += piece;
+    if (!last) return false;
   }
-  buffer.clear();
+  // A joined text ends at its first zero; a text the answer holds already is kept.
+  expected_text = (keys & kText) ? kind.text : m.buffer.c_str();
+  joined = keys & kMarker;
+  std::string().swap(m.buffer);
   return true;
 }
 
@@ -87,66 +71,54 @@ bool ModelStep(std::string &buffer, bool has_text, const char *text, bool has_ma
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static TalvoProxyIpc *ipc = [] {
+    talvo_fuzz::FuzzRoot();
     TalvoProxyIpc *instance = TalvoProxyIpc::getInstance();
     if (!instance || instance->setIPCMessageReceivedCallback(OnResult, nullptr) != 0) abort();
     return instance;
   }();
-  static const std::string large(kLargePiece, 'L');
-  std::string state_model, result_model;
-  std::string().swap(ipc->appStateChunks);
-  std::string().swap(ipc->resultChunks);
+  static const std::string large(kChunkBufferCap / 4, 'L');
+  static int large_left = 32;
+  Model models[2];
+  for (const Kind &kind : kKinds) {
+    std::string().swap(ipc->*kind.chunks);
+    ipc->*kind.dropping = false;
+  }
 
-  size_t at = 0;
-  while (at + 2 <= size) {
+  for (size_t at = 0; at + 2 <= size;) {
     uint8_t flags = data[at];
     size_t len = data[at + 1];
     at += 2;
-    static int large_left = kLargeBudget;
     bool is_large = (flags & kLarge) && len == 0 && at < size && data[at] == 0xC4;
-    if (is_large) at++;
+    at += is_large;
     is_large = is_large && large_left-- > 0;
-    if (len > size - at) len = size - at;
-    std::string small(reinterpret_cast<const char *>(data + at), len);
-    at += len;
+    len = std::min(len, size - at);
+    const std::string small(data + at, data + at + len);
     const std::string &piece = is_large ? large : small;
-    const char *marker = (flags & kMarkerTrue) ? "true" : "false";
+    at += len;
 
     bundle *answer = bundle_create();
-    if (flags & kContext) bundle_add_str(answer, "appContext", "ctx");
-    if (flags & kStateMarker) bundle_add_str(answer, "app_state_last_chunk", marker);
-    if (flags & kStatePiece) bundle_add_byte(answer, "app_state_chunk_result", piece.data(), piece.size());
-    if (flags & kResult) bundle_add_str(answer, "result", "res");
-    if (flags & kResultMarker) bundle_add_str(answer, "last_chunk", marker);
-    if (flags & kResultPiece) bundle_add_byte(answer, "chunk_result", piece.data(), piece.size());
-
-    std::string expected;
-    bool deliver = false;
-    bool joined = false;  // delivered after joining, so marker and piece must be gone
-    if (flags & (kContext | kStateMarker)) {
-      watched = &kState;
-      joined = flags & kStateMarker;
-      deliver = ModelStep(state_model, flags & kContext, "ctx", flags & kStateMarker,
-                          flags & kMarkerTrue, (flags & kStatePiece) ? &piece : nullptr, &expected);
-    } else if (flags & (kResult | kResultMarker)) {
-      watched = &kResultKind;
-      joined = flags & kResultMarker;
-      deliver = ModelStep(result_model, flags & kResult, "res", flags & kResultMarker,
-                          flags & kMarkerTrue, (flags & kResultPiece) ? &piece : nullptr, &expected);
+    const char *marker = (flags & kLast) ? "true" : "false";
+    for (int k = 0; k < 2; ++k) {
+      unsigned keys = (flags >> (3 * k)) & 7;
+      if (keys & kText) bundle_add_str(answer, kKinds[k].text_key, kKinds[k].text);
+      if (keys & kMarker) bundle_add_str(answer, kKinds[k].marker_key, marker);
+      if (keys & kPiece) bundle_add_byte(answer, kKinds[k].piece_key, piece.data(), piece.size());
     }
-
-    int before = delivered.count;
-    ipc->_processAppResultPort(kAppId, answer);
+    // Text or marker of the app-state kind wins; an answer of neither kind is dropped.
+    int k = (flags & (kText | kMarker)) ? 0 : (flags & ((kText | kMarker) << 3)) ? 1 : -1;
+    expected_kind = nullptr;
+    if (k >= 0 && Step(models[k], kKinds[k], (flags >> (3 * k)) & 7, flags & kLast, piece))
+      expected_kind = &kKinds[k];
+    ipc->_processAppResultPort("org.fuzz.companion", answer);
     bundle_free(answer);
+    if (expected_kind) abort();  // not handed on
 
-    if (delivered.count != before + (deliver ? 1 : 0)) abort();
-    if (deliver && (delivered.key_value != expected || (joined && delivered.leftovers))) abort();
-    if (ipc->appStateChunks.size() > kChunkBufferCap || ipc->resultChunks.size() > kChunkBufferCap)
-      abort();
-    if (ipc->appStateChunks.size() != state_model.size() ||
-        ipc->resultChunks.size() != result_model.size())
-      abort();
-    if (state_model.size() < kLargePiece && ipc->appStateChunks != state_model) abort();
-    if (result_model.size() < kLargePiece && ipc->resultChunks != result_model) abort();
+    for (int j = 0; j < 2; ++j) {
+      const std::string &chunks = ipc->*kKinds[j].chunks;
+      if (chunks.size() != models[j].buffer.size() ||
+          (chunks.size() < large.size() && chunks != models[j].buffer))
+        abort();
+    }
   }
   return 0;
 }

@@ -1,302 +1,161 @@
-// The library's rpc-port proxy receiving callback parcels from a hostile app. A real
-// connection is made once: the proxy connects to a port that this process serves itself
-// on raw sockets (answering the handshake by hand), and registers two delegates, one
-// kept and one dropped after its first invocation. Each input then arrives as one parcel
-// on the callback channel, followed by a marker invocation; the input must be consumed,
-// dispatched or dropped, before the marker, and a one-shot delegate that ran must be gone.
-#include <bundle.h>
-#include <rpc-port.h>
-
-#include <errno.h>
-#include <fcntl.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/socket.h>
+// The library's rpc-port proxy fed hostile callback parcels. One connection per process,
+// to a port that this process serves by hand, with three delegates: one kept, one dropped
+// after its first call, one that marks the end of each input. Each input is one parcel on
+// the callback channel, followed by a marker invocation: the input must be dispatched or
+// dropped before the marker, a one-shot delegate that ran must be gone, and a kept one
+// must stay unless it disposed of itself (an invocation with the id "dispose").
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <glib.h>
-
-#include <cstdint>
+#include <initializer_list>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "fuzz_env.h"
 #include "message/message.h"
-
-extern "C" {
-#include "channel_internal.h"
-#include "rpc_port_internal.h"
-#include "runtime_internal.h"
-}
 
 namespace {
 
 using rpc_port::message::proxy::message;
 
-constexpr const char kClientId[] = "org.fuzz.client";
 constexpr const char kAppId[] = "org.fuzz.companion";
-constexpr int kResponseDelegate = static_cast<int>(message::DelegateId::ResponseCB);
-constexpr int kKeptSeq = 1000;
-constexpr int kOnceSeq = 1001;
-constexpr int kMarkerSeq = 1002;
-constexpr size_t kMaxInput = 1u << 20;
+constexpr int kDelegateId = static_cast<int>(message::DelegateId::ResponseCB);
+constexpr int kResultMethod = static_cast<int>(message::MethodId::Result);
+constexpr int kCallbackMethod = static_cast<int>(message::MethodId::Callback);
+enum Seq { kKept = 1000, kOnce, kMarker };  // the delegates' fixed identities
 
-// ---- bytes as the app writes them ----
-
-void PutLe32(std::string &out, uint32_t v) {
-  for (int k = 0; k < 4; ++k) out.push_back(static_cast<char>(v >> (8 * k)));
-}
-
-std::string Frame(const std::string &payload) {
-  std::string out;
-  PutLe32(out, VELNA_FRAME_MAGIC);
-  PutLe32(out, static_cast<uint32_t>(payload.size()));
-  return out + payload;
-}
-
-std::string Int32Field(int v) {
-  std::string out(1, '\x01');
-  PutLe32(out, static_cast<uint32_t>(v));
-  return out;
-}
-
-std::string BoolField(bool v) { return std::string(1, '\x02') + (v ? '\x01' : '\x00'); }
-
-std::string StringField(const std::string &s) {
-  std::string out(1, '\x03');
-  PutLe32(out, static_cast<uint32_t>(s.size()));
-  return out + s;
-}
-
-// Writes all of bytes to a non-blocking socket, running the loop while it is full.
-void Pump(int fd, const std::string &bytes) {
-  size_t off = 0;
-  while (off < bytes.size()) {
-    ssize_t w = send(fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (w > 0) {
-      off += static_cast<size_t>(w);
-    } else if (w < 0 && (errno == EAGAIN || errno == EINTR)) {
-      g_main_context_iteration(nullptr, FALSE);
-    } else {
-      abort();
-    }
-  }
-}
-
-// Reads one whole frame from a blocking socket.
-std::string ReadFrame(int fd) {
-  std::string out;
-  auto read_n = [fd, &out](size_t n) {
-    out.resize(out.size() + n);
-    while (n > 0) {
-      ssize_t r = read(fd, &out[out.size() - n], n);
-      if (r <= 0) abort();
-      n -= static_cast<size_t>(r);
-    }
-  };
-  read_n(VELNA_FRAME_HEADER_SIZE);
-  const auto *h = reinterpret_cast<const unsigned char *>(out.data());
-  uint32_t len = h[4] | h[5] << 8 | h[6] << 16 | static_cast<uint32_t>(h[7]) << 24;
-  if (len > RPC_PORT_HELLO_MAX) abort();
-  read_n(len);
-  return out.substr(VELNA_FRAME_HEADER_SIZE);
-}
-
-// ---- the library's side ----
+struct Slot {
+  bool alive, ran, disposed;  // ran and disposed: during the current input
+} slots[3];                   // by Seq - kKept
 
 struct Listener : message::IEventListener {
-  bool connected = false;
-  bool lost = false;
+  bool connected = false, lost = false;
   void OnConnected() override { connected = true; }
   void OnDisconnected() override { lost = true; }
   void OnRejected() override { lost = true; }
-};
+} listener;
 
-struct Harness;
+message *proxy;                 // lives as long as the process, as the library's clients do
+rpc_port_s main_port, cb_port;  // this process's ends of the two channels
+std::string marker_seen;        // id of the marker delegate's last invocation
 
-// A delegate whose invocations and end the harness watches.
-class Delegate : public message::ResponseCB {
- public:
-  Delegate(Harness *h, int seq, bool once);
-  ~Delegate() override;
-
- protected:
-  void OnReceived(std::string id, bundle *msg) override;
-
- private:
-  Harness *harness_;
-  int seq_;
-};
-
-struct Slot {
-  int seq;
-  bool once;
-  bool alive = false;
-  bool ran = false;       // invoked during the current input
-  bool disposed = false;  // disposed of itself from inside its invocation
-};
-
-struct Harness {
-  Listener listener;
-  std::unique_ptr<message> proxy;
-  int main_fd = -1;  // our ends of the two channels
-  int cb_fd = -1;
-  Slot kept{kKeptSeq, false};
-  Slot once{kOnceSeq, true};
-  Slot marker{kMarkerSeq, false};
-  std::string marker_seen;
-
-  Slot &SlotFor(int seq) { return seq == kKeptSeq ? kept : seq == kOnceSeq ? once : marker; }
-
-  void RunUntil(const bool &flag) {
-    gint64 deadline = g_get_monotonic_time() + 10 * G_USEC_PER_SEC;
-    while (!flag && !listener.lost) {
-      if (g_get_monotonic_time() > deadline) abort();  // the proxy stopped reading
-      g_main_context_iteration(nullptr, FALSE);
-    }
-    if (listener.lost) abort();
+template <typename Done>
+void RunUntil(Done done) {
+  gint64 deadline = g_get_monotonic_time() + 10 * G_USEC_PER_SEC;
+  while (!done()) {
+    if (listener.lost || g_get_monotonic_time() > deadline) abort();  // proxy stopped reading
+    g_main_context_iteration(nullptr, FALSE);
   }
+}
 
-  // Registers a delegate for slot with the app, which answers at once.
-  void Register(Slot &slot) {
-    std::unique_ptr<message::ResponseCB> cb(new Delegate(this, slot.seq, slot.once));
-    slot.alive = true;
-    Pump(main_fd, Frame(Int32Field(static_cast<int>(message::MethodId::Result)) + Int32Field(0)));
-    if (proxy->SetCB(cb) != 0) abort();
-    char sink[4096];
-    while (recv(main_fd, sink, sizeof sink, MSG_DONTWAIT) > 0) {
-    }
-  }
-
-  void Connect() {
-    const talvo_fuzz::FuzzEnv &env = talvo_fuzz::SetUpFuzzEnv(kClientId);
-    std::string manifest = std::string("[Application]\nPackage=") + kAppId + "\n";
-    talvo_fuzz::WriteManifest(env, kAppId, manifest.data(), manifest.size());
-
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (velna_socket_path(RPC_PORT_SOCKET_KIND, kAppId, "message", addr.sun_path,
-                          sizeof addr.sun_path) != 0)
-      abort();
-    int listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listen_fd < 0 || bind(listen_fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
-        listen(listen_fd, 4) != 0)
-      abort();
-
-    proxy.reset(new message(&listener, kAppId));
-    proxy->Connect();
-    // The first attempt opens both channels and sends both hellos in one loop turn.
-    for (int i = 0; i < 2; ++i) {
-      while (true) {
-        g_main_context_iteration(nullptr, FALSE);
-        int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd >= 0) {
-          fcntl(fd, F_SETFL, 0);
-          std::string hello = ReadFrame(fd);
-          unsigned char kind = static_cast<unsigned char>(hello.at(RPC_PORT_HANDSHAKE_MAGIC_LEN));
-          (kind == RPC_PORT_PORT_MAIN ? main_fd : cb_fd) = fd;
-          std::string ack(RPC_PORT_HANDSHAKE_MAGIC, RPC_PORT_HANDSHAKE_MAGIC_LEN);
-          ack += static_cast<char>(kind);
-          ack += static_cast<char>(RPC_PORT_ACK_OK);
-          std::string framed = Frame(ack);
-          if (write(fd, framed.data(), framed.size()) != static_cast<ssize_t>(framed.size()))
-            abort();
-          break;
-        }
-      }
-    }
-    close(listen_fd);
-    if (main_fd < 0 || cb_fd < 0) abort();
-    fcntl(main_fd, F_SETFL, O_NONBLOCK);
-    fcntl(cb_fd, F_SETFL, O_NONBLOCK);
-    RunUntil(listener.connected);
-
-    Register(kept);
-    Register(once);
-    Register(marker);
-  }
-};
-
-Delegate::Delegate(Harness *h, int seq, bool once) : ResponseCB(once), harness_(h), seq_(seq) {
-  // Gives the delegate the fixed identity that inputs can name.
+// Sends a parcel of ints, then, when id is given, false and id: an invocation's shape.
+void Send(rpc_port_s &port, std::initializer_list<int> ints, const char *id = nullptr) {
   rpc_port_parcel_h p = nullptr;
-  rpc_port_parcel_create(&p);
-  rpc_port_parcel_write_int32(p, kResponseDelegate);
-  rpc_port_parcel_write_int32(p, seq);
-  rpc_port_parcel_write_bool(p, once);
-  CallbackBase::Deserialize(p, *this);
+  if (rpc_port_parcel_create(&p) != 0) abort();
+  for (int v : ints) rpc_port_parcel_write_int32(p, v);
+  if (id) {
+    rpc_port_parcel_write_bool(p, false);
+    rpc_port_parcel_write_string(p, id);
+  }
+  if (rpc_port_parcel_send(p, &port) != 0) abort();
   rpc_port_parcel_destroy(p);
 }
 
-Delegate::~Delegate() { harness_->SlotFor(seq_).alive = false; }
+class Delegate : public message::ResponseCB {
+ public:
+  explicit Delegate(int seq) : ResponseCB(seq == kOnce), slot_(slots[seq - kKept]), seq_(seq) {
+    rpc_port_parcel_h p = nullptr;  // the identity that inputs can name
+    rpc_port_parcel_create(&p);
+    rpc_port_parcel_write_int32(p, kDelegateId);
+    rpc_port_parcel_write_int32(p, seq);
+    rpc_port_parcel_write_bool(p, seq == kOnce);
+    CallbackBase::Deserialize(p, *this);
+    rpc_port_parcel_destroy(p);
+    slot_.alive = true;
+  }
+  ~Delegate() override { slot_.alive = false; }
 
-void Delegate::OnReceived(std::string id, bundle *msg) {
-  Slot &slot = harness_->SlotFor(seq_);
-  slot.ran = true;
-  if (msg) {
-    bundle_foreach(
-        msg, [](const char *, const int, const bundle_keyval_t *kv, void *) {
-          void *value = nullptr;
-          size_t size = 0;
-          if (bundle_keyval_get_basic_val(const_cast<bundle_keyval_t *>(kv), &value, &size) == 0 &&
-              size > 0) {
-            volatile unsigned char last = static_cast<unsigned char *>(value)[size - 1];
-            (void)last;
-          }
-        },
-        nullptr);
+ protected:
+  void OnReceived(std::string id, bundle *msg) override {
+    if (msg) talvo_fuzz::CheckValues(msg);
+    if (seq_ == kMarker) {
+      marker_seen = id;
+      return;
+    }
+    slot_.ran = true;
+    if (id == "dispose") {
+      slot_.disposed = true;
+      proxy->DisposeCallback(GetTag());  // ends this object
+    }
   }
-  if (seq_ == kMarkerSeq) {
-    harness_->marker_seen = id;
-    return;
-  }
-  if (id == "dispose") {
-    slot.disposed = true;
-    harness_->proxy->DisposeCallback(GetTag());  // ends this object
-  }
+
+ private:
+  Slot &slot_;
+  int seq_;
+};
+
+void Register(int seq) {
+  std::unique_ptr<message::ResponseCB> cb(new Delegate(seq));
+  Send(main_port, {kResultMethod, 0});  // the app's answer, ready before the call
+  if (proxy->SetCB(cb) != 0) abort();
+  unsigned char *request = nullptr;
+  size_t len = 0;
+  while (velna_channel_take_frame(main_port.channel, 0, &request, &len) == 0) free(request);
 }
 
-Harness &GetHarness() {
-  static Harness *harness = [] {
-    auto *h = new Harness();  // lives as long as the process, as the library's clients do
-    h->Connect();
-    return h;
-  }();
-  return *harness;
+void Connect() {
+  talvo_fuzz::FuzzRoot("org.fuzz.client");
+  talvo_fuzz::WriteManifest(kAppId, std::string("[Application]\nPackage=") + kAppId + "\n");
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (velna_socket_path(RPC_PORT_SOCKET_KIND, kAppId, "message", addr.sun_path,
+                        sizeof addr.sun_path) != 0 ||
+      fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
+      listen(fd, 4) != 0)
+    abort();
+
+  proxy = new message(&listener, kAppId);
+  proxy->Connect();
+  while (!main_port.channel || !cb_port.channel) {
+    g_main_context_iteration(nullptr, FALSE);
+    int conn = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (conn < 0) continue;
+    velna_channel *ch = velna_channel_new(conn, RPC_PORT_MAX_PARCEL_SIZE);
+    unsigned char *hello = nullptr;
+    size_t len = 0;
+    if (!ch || velna_channel_take_frame(ch, 10000, &hello, &len) != 0 || len < RPC_PORT_HELLO_MIN)
+      abort();
+    char kind = static_cast<char>(hello[RPC_PORT_HANDSHAKE_MAGIC_LEN]);
+    free(hello);
+    (kind == RPC_PORT_PORT_MAIN ? main_port : cb_port).channel = ch;
+    std::string ack = std::string(RPC_PORT_HANDSHAKE_MAGIC) + kind;
+    ack += static_cast<char>(RPC_PORT_ACK_OK);
+    if (velna_channel_send(ch, ack.data(), ack.size()) != 0) abort();
+  }
+  close(fd);
+  RunUntil([] { return listener.connected; });
+  for (int seq : {kKept, kOnce, kMarker}) Register(seq);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (size > kMaxInput) return 0;
-  Harness &h = GetHarness();
+  [[maybe_unused]] static const bool connected = (Connect(), true);
+  if (size > (1u << 20)) return 0;
+  for (int seq : {kKept, kOnce}) {
+    Slot &slot = slots[seq - kKept];
+    slot.ran = slot.disposed = false;
+    if (!slot.alive) Register(seq);
+  }
+
   static unsigned long round = 0;
   std::string nonce = "marker-" + std::to_string(++round);
+  static const uint8_t kEmpty = 0;
+  if (velna_channel_send(cb_port.channel, size ? data : &kEmpty, size) != 0) abort();
+  Send(cb_port, {kCallbackMethod, kDelegateId, kMarker}, nonce.c_str());
+  RunUntil([&nonce] { return marker_seen == nonce; });
 
-  for (Slot *slot : {&h.kept, &h.once}) {
-    slot->ran = slot->disposed = false;
-    if (!slot->alive) h.Register(*slot);
-  }
-
-  std::string input(reinterpret_cast<const char *>(data), size);
-  std::string marker = Int32Field(static_cast<int>(message::MethodId::Callback)) +
-                       Int32Field(kResponseDelegate) + Int32Field(kMarkerSeq) + BoolField(false) +
-                       StringField(nonce);
-  Pump(h.cb_fd, Frame(input) + Frame(marker));
-
-  h.marker_seen.clear();
-  bool seen = false;
-  gint64 deadline = g_get_monotonic_time() + 10 * G_USEC_PER_SEC;
-  while (!seen) {
-    if (g_get_monotonic_time() > deadline || h.listener.lost) abort();
-    g_main_context_iteration(nullptr, FALSE);
-    seen = h.marker_seen == nonce;
-  }
-
-  if (h.once.ran && h.once.alive) abort();                      // one-shot ran, still kept
-  if (h.kept.ran && !h.kept.disposed && !h.kept.alive) abort();  // kept delegate lost
-  if (!h.marker.alive) abort();
+  const Slot &kept = slots[0], &once = slots[1];
+  if ((once.ran && once.alive) || (kept.ran && !kept.disposed && !kept.alive) || !slots[2].alive)
+    abort();
   return 0;
 }

@@ -1,74 +1,49 @@
-// Replays fuzz inputs without libFuzzer: runs LLVMFuzzerTestOneInput once over every
-// regular file of the directories (or files) named on the command line, in name order.
-// Exits non-zero when a path cannot be read or holds no input at all; a fault in the
-// target ends the process as it would under the fuzzer.
-#include <dirent.h>
-#include <sys/stat.h>
-
+// Runs fuzz inputs without libFuzzer: LLVMFuzzerTestOneInput once on every file named on
+// the command line and every regular file of a directory named there, in name order.
+// Exits 2 when a path cannot be read or there is no input at all; a fault in the target
+// ends the process as it would under the fuzzer.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
-extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv) __attribute__((weak));
-
-namespace {
-
-bool IsRegular(const std::string &path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
-
-// The inputs under path: path itself when it is a file, else its regular files.
-bool CollectInputs(const std::string &path, std::vector<std::string> &out) {
-  if (IsRegular(path)) {
-    out.push_back(path);
-    return true;
-  }
-  DIR *dir = opendir(path.c_str());
-  if (!dir) return false;
-  std::vector<std::string> found;
-  while (dirent *entry = readdir(dir)) {
-    std::string child = path + "/" + entry->d_name;
-    if (entry->d_name[0] != '.' && IsRegular(child)) found.push_back(child);
-  }
-  closedir(dir);
-  std::sort(found.begin(), found.end());
-  out.insert(out.end(), found.begin(), found.end());
-  return true;
-}
-
-}  // namespace
 
 int main(int argc, char **argv) {
-  if (LLVMFuzzerInitialize) LLVMFuzzerInitialize(&argc, &argv);
-
-  std::vector<std::string> inputs;
-  for (int i = 1; i < argc; ++i) {
-    if (!CollectInputs(argv[i], inputs)) {
-      std::fprintf(stderr, "replay: cannot read %s\n", argv[i]);
-      return 2;
-    }
-  }
-  if (inputs.empty()) {
+  namespace fs = std::filesystem;
+  if (argc < 2) {
     std::fprintf(stderr, "replay: no inputs given\n");
     return 2;
   }
+  std::vector<fs::path> inputs;
+  for (int i = 1; i < argc; ++i) {
+    std::error_code ec;
+    std::vector<fs::path> found;
+    if (fs::is_regular_file(argv[i], ec))
+      found.push_back(argv[i]);
+    else
+      for (fs::directory_iterator it(argv[i], ec), end; !ec && it != end; it.increment(ec))
+        if (it->is_regular_file() && it->path().filename().c_str()[0] != '.')
+          found.push_back(it->path());
+    if (ec || found.empty()) {
+      std::fprintf(stderr, "replay: no inputs in %s\n", argv[i]);
+      return 2;
+    }
+    std::sort(found.begin(), found.end());
+    inputs.insert(inputs.end(), found.begin(), found.end());
+  }
 
-  for (const std::string &path : inputs) {
+  for (const fs::path &path : inputs) {
     std::ifstream file(path, std::ios::binary);
-    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)),
-                               std::istreambuf_iterator<char>());
-    if (!file.good() && !file.eof()) {
+    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)), {});
+    if (!file.is_open() || file.bad()) {
       std::fprintf(stderr, "replay: cannot read %s\n", path.c_str());
       return 2;
     }
-    // A copy of exactly the input's size, so that a read past its end is caught.
-    std::vector<uint8_t> exact(bytes);
+    std::vector<uint8_t> exact(bytes);  // no spare capacity: a read past the end is caught
     LLVMFuzzerTestOneInput(exact.empty() ? nullptr : exact.data(), exact.size());
   }
   std::printf("replay: %zu inputs passed\n", inputs.size());
