@@ -23,6 +23,13 @@ BundlePtr MakeBundle(const std::vector<std::pair<std::string, std::string>> &ent
 // The string under key, or "<absent>".
 std::string GetStr(bundle *b, const char *key);
 
+// A request bundle that carries the app's metadata itself, so no manifest is read.
+inline BundlePtr RequestWithMetadata(const std::string &version, const std::string &capsuleId,
+                                     const std::string &sdkVersion = "1.1.0") {
+  return MakeBundle(
+      {{"capsuleId", capsuleId}, {"appVersion", version}, {"appSdkVersion", sdkVersion}});
+}
+
 // A bundle as a callback saw it: string entries by value, byte entries by size.
 struct Answer {
   std::string appId;
@@ -48,16 +55,5 @@ struct Recorder {
     static_cast<Recorder *>(self)->answers.push_back(CopyAnswer(appId, result));
   }
 };
-
-}  // namespace testsupport
-
-namespace testsupport {
-
-// A request bundle that carries the app's metadata itself, so no manifest is read.
-inline BundlePtr RequestWithMetadata(const std::string &version, const std::string &capsuleId,
-                                     const std::string &sdkVersion = "1.1.0") {
-  return MakeBundle(
-      {{"capsuleId", capsuleId}, {"appVersion", version}, {"appSdkVersion", sdkVersion}});
-}
 
 }  // namespace testsupport

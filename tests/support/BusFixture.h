@@ -12,8 +12,6 @@
 #include <sys/types.h>
 
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace testsupport {
 
@@ -34,15 +32,14 @@ class BusFixture {
  private:
   std::string dir_;
   std::string address_;
-  std::string previousAddress_;
-  bool hadPreviousAddress_ = false;
   pid_t pid_ = -1;
   GDBusConnection *connection_ = nullptr;  // owned
 };
 
 // The simulator process on a BusFixture's bus, answering in the given layout (12 or 13).
 // The constructor returns once the simulator owns "org.enlightenment.wm" (throws
-// std::runtime_error when it does not within 10 s); the destructor stops it.
+// std::runtime_error otherwise); the destructor stops it. Each control call waits for
+// the simulator's reply and throws std::runtime_error when it fails.
 class WmSim {
  public:
   explicit WmSim(const BusFixture &bus, int layout = 12);
@@ -50,17 +47,13 @@ class WmSim {
   WmSim(const WmSim &) = delete;
   WmSim &operator=(const WmSim &) = delete;
 
-  pid_t pid() const { return pid_; }
-
-  // The control interface. Each call waits for the simulator's reply and throws
-  // std::runtime_error when it fails.
-  void addWindow(int windowPid, bool focused);
-  void focus(int windowPid);
-  void setLayout(int layout);
-  void setAnswering(bool answering);
+  void addWindow(int pid, bool focused) { call("AddWindow", g_variant_new("(ib)", pid, focused)); }
+  void focus(int pid) { call("Focus", g_variant_new("(i)", pid)); }
+  void setLayout(int layout) { call("SetLayout", g_variant_new("(u)", guint32(layout))); }
+  void setAnswering(bool on) { call("SetAnswering", g_variant_new("(b)", gboolean(on))); }
 
  private:
-  GVariant *call(const char *method, GVariant *parameters, const char *replyType);
+  void call(const char *method, GVariant *parameters);
 
   const BusFixture &bus_;
   pid_t pid_ = -1;

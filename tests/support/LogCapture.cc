@@ -7,8 +7,10 @@ LogCapture::LogCapture() { dlog_set_capture_handler(&LogCapture::onLine, this); 
 LogCapture::~LogCapture() { dlog_set_capture_handler(nullptr, nullptr); }
 
 void LogCapture::onLine(log_priority prio, const char *tag, const char *message, void *self) {
-  static_cast<LogCapture *>(self)->lines_.push_back(
-      {prio, tag ? tag : "", message ? message : ""});
+  auto *capture = static_cast<LogCapture *>(self);
+  LogLine line{prio, tag ? tag : "", message ? message : ""};
+  capture->lines_.push_back(line);
+  if (capture->probe) capture->probe(line.message);
 }
 
 int LogCapture::count(const std::string &needle) const {

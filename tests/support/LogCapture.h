@@ -4,6 +4,7 @@
 
 #include <dlog.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,10 @@ class LogCapture {
   void clear() { lines_.clear(); }
   // All lines, one per row, for failure messages.
   std::string dump() const;
+
+  // When set, runs with each message from inside the logging call, that is, inside the
+  // event that logs it.
+  std::function<void(const std::string &message)> probe;
 
  private:
   static void onLine(log_priority prio, const char *tag, const char *message, void *self);

@@ -3,10 +3,9 @@
 #include <app_control.h>
 #include <app_manager.h>
 #include <message_port.h>
-#include <glib.h>
-#include <glib/gstdio.h>
 #include <stdlib.h>
 
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -14,36 +13,20 @@
 
 namespace testsupport {
 
-void RemoveTree(const std::string &path) {
-  if (GDir *dir = g_dir_open(path.c_str(), 0, nullptr)) {
-    while (const char *name = g_dir_read_name(dir)) {
-      std::string child = path + "/" + name;
-      if (g_file_test(child.c_str(), G_FILE_TEST_IS_DIR) &&
-          !g_file_test(child.c_str(), G_FILE_TEST_IS_SYMLINK))
-        RemoveTree(child);
-      else
-        g_unlink(child.c_str());
-    }
-    g_dir_close(dir);
-  }
-  g_rmdir(path.c_str());
-}
-
 TempEnv::TempEnv() {
   char tmpl[] = "/tmp/vt-XXXXXX";
   if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
   root_ = tmpl;
   runtimeDir_ = root_ + "/rt";
-  appsDir_ = root_ + "/apps";
-  g_mkdir(runtimeDir_.c_str(), 0700);
-  g_mkdir(appsDir_.c_str(), 0755);
+  std::filesystem::create_directory(runtimeDir_);
+  std::filesystem::create_directory(root_ + "/apps");
   setenv("VELNA_RUNTIME_DIR", runtimeDir_.c_str(), 1);
-  setenv("VELNA_APPS_DIR", appsDir_.c_str(), 1);
+  setenv("VELNA_APPS_DIR", (root_ + "/apps").c_str(), 1);
 }
 
 TempEnv::~TempEnv() {
   for (const std::string &appId : installed_) app_manager_terminate_app(appId.c_str());
-  RemoveTree(root_);
+  std::filesystem::remove_all(root_);
 }
 
 void TempEnv::install(const Manifest &m) {
@@ -57,7 +40,7 @@ void TempEnv::install(const Manifest &m) {
 }
 
 void TempEnv::installRaw(const std::string &appId, const std::string &text) {
-  std::ofstream(appsDir_ + "/" + appId + ".app", std::ios::trunc) << text;
+  std::ofstream(root_ + "/apps/" + appId + ".app", std::ios::trunc) << text;
   for (const std::string &known : installed_)
     if (known == appId) return;
   installed_.push_back(appId);
@@ -87,16 +70,13 @@ bool TempEnv::launch(const std::string &appId, const char *port) {
   app_control_set_app_id(control, appId.c_str());
   int ret = app_control_send_launch_request(control, nullptr, nullptr);
   app_control_destroy(control);
-  return ret == 0 && RunLoopUntil(
-                         [&] {
-                           bool ready = false;
-                           if (port)
-                             message_port_check_remote_port(appId.c_str(), port, &ready);
-                           else
-                             app_manager_is_running(appId.c_str(), &ready);
-                           return ready;
-                         },
-                         10000);
+  auto ready = [&] {
+    bool yes = false;
+    if (port) message_port_check_remote_port(appId.c_str(), port, &yes);
+    else app_manager_is_running(appId.c_str(), &yes);
+    return yes;
+  };
+  return ret == 0 && RunLoopUntil(ready, 10000);
 }
 
 }  // namespace testsupport

@@ -23,9 +23,6 @@ struct Manifest {
   std::vector<std::pair<std::string, std::string>> metadata;  // in file order
 };
 
-// Removes path and everything below it; symbolic links are removed, not followed.
-void RemoveTree(const std::string &path);
-
 class TempEnv {
  public:
   TempEnv();
@@ -35,7 +32,6 @@ class TempEnv {
 
   const std::string &root() const { return root_; }
   const std::string &runtimeDir() const { return runtimeDir_; }
-  const std::string &appsDir() const { return appsDir_; }
 
   // Writes <apps>/<appId>.app; the app is terminated by the destructor.
   void install(const Manifest &manifest);
@@ -52,7 +48,6 @@ class TempEnv {
  private:
   std::string root_;
   std::string runtimeDir_;
-  std::string appsDir_;
   std::vector<std::string> installed_;
 };
 

@@ -1,0 +1,250 @@
+// The common data component: where each app's declared metadata comes from and which
+// mechanism it implies, and the focused-application query through the exported function
+// against the window-manager simulator on a private bus. The remembered reply layout lives
+// as long as the process, so each test runs in a process of its own.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "BusFixture.h"
+#include "Bundles.h"
+#include "LogCapture.h"
+#include "LoopUntil.h"
+#include "TempEnv.h"
+#include "common/MetaDataKeys.h"
+#include "common/TalvoProxyCommonData.h"
+#include "talvo_proxy.h"
+
+extern "C" {
+#include "launcher_internal.h"
+}
+
+namespace {
+
+using namespace testsupport;
+
+constexpr const char kSelf[] = "org.velna.test.client";
+constexpr const char kMusic[] = "org.velna.test.music";
+
+std::string Str(const char *value) { return value ? value : "<null>"; }
+
+class MetaDataRegistryTest : public ::testing::Test {
+ protected:
+  // Installs appId declaring the given SDK version (none when null) besides version,
+  // capsule id, action ids and a foreign key.
+  void Install(const std::string &appId, const char *sdkVersion) {
+    Manifest m{appId, appId, "", "", "", {{talvo::kMetadataVersionKey, "1.2.0"},
+                                          {talvo::kMetadataCapsuleIdKey, "cap." + appId},
+                                          {talvo::kMetadataActionIdKey, "play,stop"},
+                                          {"http://velna.org/other", "x"}}};
+    if (sdkVersion) m.metadata.emplace_back(talvo::kMetadataSdkVersionKey, sdkVersion);
+    env.install(m);
+  }
+  int MechanismOf(const std::string &appId) {
+    MetaDataInfo *info = registry->ExtractMetaData(appId, nullptr);
+    return info ? info->ipcMechanism : -1;
+  }
+
+  TempEnv env;
+  LogCapture log;
+  TalvoProxyCommonData *registry = TalvoProxyCommonData::getInstance();
+};
+
+TEST_F(MetaDataRegistryTest, ManifestIsReadOnFirstRequestAndItsSdkVersionDecidesTheMechanism) {
+  Install(kMusic, "1.1.0");
+  MetaDataInfo *info = registry->ExtractMetaData(kMusic, nullptr);
+  ASSERT_NE(info, nullptr);
+  EXPECT_EQ(log.count("MetaDataMap entry not found for :org.velna.test.music"), 1);
+  EXPECT_EQ(info->ipcMechanism, IPC_MECHANISM_VIDL);
+  EXPECT_EQ(Str(info->metadataValue->versionValue), "1.2.0");
+  EXPECT_EQ(Str(info->metadataValue->capsuleIdValue), "cap.org.velna.test.music");
+  EXPECT_EQ(Str(info->metadataValue->sdkVersionValue), "1.1.0");
+  // The action-id key and the foreign key are unknown here and do not stop the reading.
+  EXPECT_EQ(log.count("Unknown metadata key."), 2);
+  EXPECT_EQ(registry->GetMetaDataInfo(kMusic), info);
+
+  Install("org.velna.test.none", nullptr);
+  Install("org.velna.test.alpha", "1.0-alpha");
+  Install("org.velna.test.alpha3", "1.0-alpha.3");
+  Install("org.velna.test.beta", "1.0-beta");
+  EXPECT_EQ(MechanismOf("org.velna.test.none"), IPC_MECHANISM_MESSAGE_PORT);
+  EXPECT_EQ(MechanismOf("org.velna.test.alpha"), IPC_MECHANISM_MESSAGE_PORT);
+  EXPECT_EQ(MechanismOf("org.velna.test.alpha3"), IPC_MECHANISM_MESSAGE_PORT);
+  EXPECT_EQ(MechanismOf("org.velna.test.beta"), IPC_MECHANISM_VIDL);
+  EXPECT_TRUE(log.has("AppSdkVersion (null)"));
+}
+
+TEST_F(MetaDataRegistryTest, CompleteRequestBundleWinsOverTheManifest) {
+  Install(kMusic, "1.0-alpha");
+  BundlePtr partial = MakeBundle({{"capsuleId", "cap.bundle"}, {"appVersion", "9.9"}});
+  MetaDataInfo *info = registry->ExtractMetaData(kMusic, partial.get());
+  ASSERT_NE(info, nullptr);
+  EXPECT_EQ(Str(info->metadataValue->capsuleIdValue), "cap.org.velna.test.music");
+  EXPECT_EQ(info->ipcMechanism, IPC_MECHANISM_MESSAGE_PORT);
+
+  BundlePtr complete = RequestWithMetadata("9.9", "cap.bundle", "2.0");
+  info = registry->ExtractMetaData(kMusic, complete.get());
+  ASSERT_NE(info, nullptr);
+  EXPECT_EQ(Str(info->metadataValue->capsuleIdValue), "cap.bundle");
+  EXPECT_EQ(Str(info->metadataValue->versionValue), "9.9");
+  EXPECT_EQ(Str(info->metadataValue->sdkVersionValue), "2.0");
+  EXPECT_EQ(info->ipcMechanism, IPC_MECHANISM_VIDL);
+}
+
+TEST_F(MetaDataRegistryTest, RpcPortRecordsAreKeptAndMessagePortRecordsRebuilt) {
+  for (const char *first : {"1.1.0", "1.0-alpha"}) {
+    const std::string appId = std::string("org.velna.test.") + first;
+    BundlePtr a = RequestWithMetadata("1.0", "cap.a", first);
+    const bool kept = first == std::string("1.1.0");
+    BundlePtr b = RequestWithMetadata("2.0", "cap.b", kept ? "1.0-alpha" : "1.1.0");
+    ASSERT_NE(registry->ExtractMetaData(appId, a.get()), nullptr);
+    MetaDataInfo *later = registry->ExtractMetaData(appId, b.get());
+    ASSERT_NE(later, nullptr);
+    EXPECT_EQ(Str(later->metadataValue->capsuleIdValue), kept ? "cap.a" : "cap.b") << first;
+    EXPECT_EQ(later->ipcMechanism, IPC_MECHANISM_VIDL);
+  }
+}
+
+TEST_F(MetaDataRegistryTest, FailedReadingRemovalAndDeinitializationLeaveNoRecord) {
+  EXPECT_EQ(registry->ExtractMetaData("org.velna.test.absent", nullptr), nullptr);
+  EXPECT_TRUE(log.has("app_info_create failed ERROR[-2]"));
+  EXPECT_EQ(registry->GetMetaDataInfo("org.velna.test.absent"), nullptr);
+
+  // A message-port record is dropped before it is rebuilt, also when the rebuild fails.
+  Install(kMusic, nullptr);
+  ASSERT_NE(registry->ExtractMetaData(kMusic, nullptr), nullptr);
+  env.installRaw(kMusic, "this is not a key file\n");
+  EXPECT_EQ(registry->ExtractMetaData(kMusic, nullptr), nullptr);
+  EXPECT_EQ(registry->GetMetaDataInfo(kMusic), nullptr);
+
+  BundlePtr data = RequestWithMetadata("1.0", "cap.a");
+  ASSERT_NE(registry->ExtractMetaData("org.velna.test.one", data.get()), nullptr);
+  ASSERT_NE(registry->ExtractMetaData("org.velna.test.two", data.get()), nullptr);
+  log.clear();
+  registry->RemoveMetaDataMapEntry("org.velna.test.absent");
+  EXPECT_EQ(log.count("MetaDataMap entry not found for :org.velna.test.absent"), 1);
+  EXPECT_EQ(log.count("MetaDataInfo is null"), 1);
+  // Size 1 left: the removal of the unknown app took nothing away.
+  registry->RemoveMetaDataMapEntry("org.velna.test.one");
+  EXPECT_TRUE(log.has("Remove metaDataMap size(1)")) << log.dump();
+  EXPECT_EQ(registry->GetMetaDataInfo("org.velna.test.one"), nullptr);
+
+  log.clear();
+  EXPECT_EQ(registry->deinitialize(), 0);
+  EXPECT_TRUE(log.lines().empty()) << log.dump();
+  EXPECT_EQ(registry->GetMetaDataInfo("org.velna.test.two"), nullptr);
+}
+
+std::string Focused() {
+  std::unique_ptr<char, decltype(&free)> id(talvo_proxy_get_focused_app_id(), &free);
+  return id ? id.get() : "<null>";
+}
+
+class FocusedAppTest : public ::testing::Test {
+ protected:
+  // Starts the simulator with the given layout and initialises the library; given wait,
+  // runs the loop until the library holds its bus connection.
+  void Start(int layout, bool wait = true) {
+    setenv("VELNA_APP_ID", kSelf, 1);
+    sim = std::make_unique<WmSim>(bus, layout);
+    ASSERT_EQ(talvo_proxy_initialize(), 0);
+    if (wait) {
+      ASSERT_TRUE(Connected()) << log.dump();
+    }
+  }
+  bool Connected() {
+    return RunLoopUntil([&] { return log.has("GDBUS connection is"); }, 10000);
+  }
+
+  // Launches an app that runs as appId and gives it a window; returns the app's pid.
+  int LaunchWindowApp(const std::string &appId, bool focused) {
+    env.install({appId, appId, "", TEST_APP, "", {}});
+    pid_t pid = -1;
+    EXPECT_EQ(velna_launch(appId.c_str(), nullptr, &pid, nullptr), 0);
+    sim->addWindow(pid, focused);
+    return pid;
+  }
+
+  TempEnv env;
+  BusFixture bus;
+  std::unique_ptr<WmSim> sim;
+  LogCapture log;
+};
+
+TEST_F(FocusedAppTest, TwelveMemberLayoutIsRememberedAndNeverLeft) {
+  Start(12);
+  EXPECT_EQ(Focused(), "<null>");  // no window at all
+  EXPECT_TRUE(log.has("FOCUS APPID (null)"));
+  EXPECT_FALSE(log.has("g_dbus_connection_call_sync() failed"));
+
+  log.clear();
+  sim->focus(getpid());
+  EXPECT_EQ(Focused(), kSelf);
+  EXPECT_TRUE(log.has("Trying with 12 parameters"));
+  EXPECT_FALSE(log.has("Trying with 13 parameters"));
+
+  sim->setAnswering(false);
+  EXPECT_EQ(Focused(), "<null>");
+  EXPECT_TRUE(log.has("g_dbus_connection_call_sync() failed"));
+  EXPECT_TRUE(log.has("dbus error message: "));
+  EXPECT_TRUE(log.has("FOCUS APPID (null)"));
+
+  sim->setAnswering(true);
+  sim->setLayout(13);
+  EXPECT_EQ(Focused(), "<null>");
+  EXPECT_FALSE(log.has("Trying with 13 parameters")) << log.dump();
+}
+
+TEST_F(FocusedAppTest, ThirteenMemberLayoutIsFoundOnceAndThenAskedDirectly) {
+  Start(13);
+  sim->focus(getpid());
+  EXPECT_EQ(Focused(), kSelf);
+  EXPECT_GE(log.find("Trying with 12 parameters"), 0);
+  EXPECT_LT(log.find("Trying with 12 parameters"), log.find("Trying with 13 parameters"));
+
+  log.clear();
+  EXPECT_EQ(Focused(), kSelf);
+  EXPECT_FALSE(log.has("Trying with 12 parameters"));
+  EXPECT_TRUE(log.has("Trying with 13 parameters"));
+  EXPECT_TRUE(log.has(std::string("FOCUS APPID ") + kSelf));
+
+  // After deinitialisation the window manager is not asked.
+  ASSERT_EQ(talvo_proxy_deinitialize(), 0);
+  log.clear();
+  EXPECT_EQ(Focused(), "<null>");
+  EXPECT_TRUE(log.has("Talvo Proxy is not initialized"));
+  EXPECT_FALSE(log.has("In _getFocusedAppId call"));
+}
+
+TEST_F(FocusedAppTest, FirstFocusedWindowWinsAndWithoutOneTheLastKnownOwnerIsNamed) {
+  Start(12);
+  sim->addWindow(getpid(), false);
+  LaunchWindowApp("org.velna.test.first", false);
+  int second = LaunchWindowApp("org.velna.test.second", true);
+  LaunchWindowApp("org.velna.test.third", false);
+  int fourth = LaunchWindowApp("org.velna.test.fourth", false);
+  EXPECT_EQ(Focused(), "org.velna.test.second");
+
+  sim->addWindow(second, false);
+  ASSERT_GT(fourth, 0);
+  sim->addWindow(fourth + 100000, false);  // a pid that no app holds changes nothing
+  EXPECT_EQ(Focused(), "org.velna.test.fourth");
+}
+
+TEST_F(FocusedAppTest, QueryBeforeTheBusIsAcquiredNamesNoAppThenTheLibraryOwnsItsName) {
+  Start(12, false);
+  sim->focus(getpid());
+  EXPECT_EQ(Focused(), "<null>");
+  EXPECT_TRUE(log.has("Dbus Connection pointer is null"));
+
+  ASSERT_TRUE(Connected());
+  EXPECT_EQ(Focused(), kSelf);
+  EXPECT_TRUE(log.has("dbusOwnId : "));
+  EXPECT_TRUE(RunLoopUntil([&] { return !bus.ownerOf("org.velna.talvo.sdk.proxy").empty(); },
+                           10000));
+}
+
+}  // namespace

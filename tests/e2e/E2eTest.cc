@@ -1,0 +1,223 @@
+// A client process using the library through its exported functions, with a private bus,
+// the window-manager simulator and the sample apps as real processes.
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <talvo_proxy.h>
+#include <unistd.h>
+#include <velna_main_loop.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "BusFixture.h"
+#include "Bundles.h"
+#include "LogCapture.h"
+#include "LoopUntil.h"
+#include "TempEnv.h"
+
+namespace {
+
+using namespace testsupport;
+
+// Every result callback's call, in call order; the label is "action:" or "state:" and the
+// request's user data, a string.
+std::vector<Answer> calls;
+
+void OnAction(const char *appId, bundle *result, void *label) {
+  calls.push_back(CopyAnswer(appId, result, "action:" + std::string((char *)label)));
+}
+void OnState(const char *appId, bundle *result, void *label) {
+  calls.push_back(CopyAnswer(appId, result, "state:" + std::string((char *)label)));
+}
+
+char kFirst[] = "first";
+char kSecond[] = "second";
+char kThird[] = "third";
+
+class E2eTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("VELNA_APP_ID", "org.velna.test.client", 1);
+    wm = std::make_unique<WmSim>(bus);
+    ASSERT_EQ(0, velna_main_loop_init());
+    ASSERT_EQ(0, talvo_proxy_initialize());
+  }
+  void TearDown() override { talvo_proxy_deinitialize(); }
+
+  bool waitForCalls(size_t n, int timeoutMs = 8000) {
+    return RunLoopUntil([&] { return calls.size() >= n; }, timeoutMs);
+  }
+  // One state request to the running message-port app, which reports context and status
+  // as the extra entries ask.
+  Answer askState(const std::vector<std::pair<std::string, std::string>> &extra) {
+    BundlePtr request = MakeBundle(extra);
+    size_t before = calls.size();
+    EXPECT_EQ(0, talvo_proxy_app_state_request(kPortApp, request.get(), OnState, kFirst));
+    EXPECT_TRUE(waitForCalls(before + 1, 5000)) << log.dump();
+    return calls.size() > before ? calls[before] : Answer{};
+  }
+
+  BusFixture bus;
+  std::unique_ptr<WmSim> wm;
+  TempEnv env;
+  LogCapture log;
+};
+
+TEST_F(E2eTest, EachAnswerReachesItsOwnCallbackWithItsUserData) {
+  env.installSample(kRpcApp);
+  BundlePtr connect = MakeBundle({{"actionId", "warmUp"}});
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kRpcApp, connect.get(), OnAction, kFirst));
+  ASSERT_TRUE(waitForCalls(1)) << log.dump();
+
+  // An action answered late and a state request answered at once, pending together.
+  BundlePtr action = MakeBundle({{"actionId", "setAlarm"}, {"sample_delay_ms", "300"}});
+  BundlePtr state = MakeBundle({});
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kRpcApp, action.get(), OnAction, kSecond));
+  ASSERT_EQ(0, talvo_proxy_app_state_request(kRpcApp, state.get(), OnState, kThird));
+  ASSERT_TRUE(waitForCalls(3, 5000)) << log.dump();
+
+  EXPECT_EQ("action:first", calls[0].label);
+  EXPECT_EQ("state:third", calls[1].label);
+  EXPECT_EQ(kRpcApp, calls[1].appId);
+  EXPECT_EQ(
+      "{\"appId\":\"org.velna.sample.rpccompanion\",\"appVersion\":\"1.1.0\","
+      "\"capsuleId\":\"sample.capsule\",\"contextBlob\":"
+      "\"{\\\"concepts\\\":[{\\\"type\\\":\\\"screen\\\",\\\"value\\\":\\\"home\\\"}],"
+      "\\\"capsuleId\\\":\\\"sample.capsule\\\"}\"}",
+      calls[1].str("appContext"));
+  EXPECT_EQ("action:second", calls[2].label);
+  EXPECT_EQ("{\"actionId\":\"setAlarm\",\"done\":true}", calls[2].str("result"));
+}
+
+TEST_F(E2eTest, CallbackMayStartANewRequestForTheSameApp) {
+  env.installSample(kRpcApp);
+  static BundlePtr next;
+  next = MakeBundle({{"actionId", "next"}});
+  auto chain = [](const char *appId, bundle *result, void *userData) {
+    OnAction(appId, result, userData);
+    EXPECT_EQ(0, talvo_proxy_app_action_execution(appId, next.get(), OnAction, kSecond));
+  };
+  BundlePtr request = MakeBundle({{"actionId", "first"}});
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kRpcApp, request.get(), chain, kFirst));
+  ASSERT_TRUE(waitForCalls(2)) << log.dump();
+  RunLoopFor(300);
+
+  ASSERT_EQ(2u, calls.size());
+  EXPECT_EQ("action:first", calls[0].label);
+  EXPECT_EQ("action:second", calls[1].label);
+  EXPECT_EQ("{\"actionId\":\"next\",\"done\":true}", calls[1].str("result"));
+  next.reset();
+}
+
+TEST_F(E2eTest, StateRequestToAnAppThatDoesNotRunIsRefusedAndLeftAlone) {
+  // Refused before the mechanism matters, so one installed app stands for both.
+  env.installSample(kRpcApp);
+  BundlePtr request = MakeBundle({{"query", "x"}});
+  EXPECT_EQ(-1073741825, talvo_proxy_app_state_request(kRpcApp, request.get(), OnState, kFirst));
+  EXPECT_EQ(1, bundle_get_count(request.get()));
+  EXPECT_FALSE(log.has("launch app"));
+  RunLoopFor(200);
+  EXPECT_TRUE(calls.empty());
+}
+
+TEST_F(E2eTest, StateContextIsWrappedInTheEnvelope) {
+  env.installSample(kPortApp);
+  ASSERT_TRUE(env.launch(kPortApp, "TALVO_APP_SDK_PORT_516"));
+
+  // With "concepts": four members, the app's text carried whole.
+  Answer call = askState({{"sample_context", "{\"concepts\":[1],\"capsuleId\":\"own\"}"}});
+  EXPECT_EQ("ACTION_EXECUTION_SUCCESS", call.str("status_code"));
+  EXPECT_EQ(
+      "{\"appId\":\"org.velna.sample.portcompanion\",\"appVersion\":\"1.0.0\","
+      "\"capsuleId\":\"own\",\"contextBlob\":\"{\\\"concepts\\\":[1],\\\"capsuleId\\\":"
+      "\\\"own\\\"}\"}",
+      call.str("appContext"));
+
+  // Without "concepts" and another status: three members from the metadata.
+  call = askState({{"sample_context", "{\"screen\":1}"}, {"sample_status", "ACTION_EXECUTION_BUSY"}});
+  EXPECT_EQ("ACTION_EXECUTION_BUSY", call.str("status_code"));
+  EXPECT_EQ(
+      "{\"appId\":\"org.velna.sample.portcompanion\",\"appVersion\":\"1.0.0\","
+      "\"capsuleId\":\"sample.port.capsule\"}",
+      call.str("appContext"));
+}
+
+TEST_F(E2eTest, AliasAppWithAClientIsServedOnceItHasTheFocus) {
+  env.installSample(kAliasApp);
+  ASSERT_TRUE(env.launch(kAliasApp));
+  // A state request takes no alias path: it connects the app.
+  BundlePtr state = MakeBundle({});
+  ASSERT_EQ(0, talvo_proxy_app_state_request(kAliasApp, state.get(), OnState, kFirst));
+  ASSERT_TRUE(waitForCalls(1)) << log.dump();
+
+  BundlePtr action = MakeBundle({{"actionId", "openGallery"}});
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kAliasApp, action.get(), OnAction, kSecond));
+  ASSERT_TRUE(waitForCalls(2, 5000)) << log.dump();
+  EXPECT_EQ("action:second", calls[1].label);
+  EXPECT_EQ("{\"actionId\":\"openGallery\",\"done\":true}", calls[1].str("result"));
+  EXPECT_TRUE(log.has("is focused successfully.. Send data to app"));
+}
+
+TEST_F(E2eTest, AliasAppsFirstActionWithoutAClientIsDroppedAtFocus) {
+  env.installSample(kAliasApp);
+  // This process's window has the focus until the app takes it when it starts.
+  wm->addWindow(getpid(), true);
+  BundlePtr action = MakeBundle({{"actionId", "openGallery"}});
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kAliasApp, action.get(), OnAction, kFirst));
+  EXPECT_TRUE(log.has("Alias app is existed, appid:org.velna.sample.aliascompanion"));
+
+  ASSERT_TRUE(RunLoopUntil([&] { return log.has("_appFocusedMonitoringCb(): ClientsInfo is null"); },
+                           8000))
+      << log.dump();
+  RunLoopFor(500);
+  EXPECT_TRUE(calls.empty());
+  EXPECT_FALSE(log.has("is focused successfully"));
+}
+
+// The slow waits share one test: both launch waits answer the library's failure at about
+// 10 s while the focus wait goes on to 31 s and drops its request.
+TEST_F(E2eTest, FocusWaitRunsOutWhileLaunchWaitsOfBothMechanismsAnswerFailure) {
+  // Every sample app starts but never becomes reachable or takes the focus.
+  setenv("TALVO_SAMPLE_NO_FOCUS", "1", 1);
+  setenv("TALVO_SAMPLE_NO_PORT", "1", 1);
+  setenv("TALVO_SAMPLE_NO_LISTEN", "1", 1);
+  env.installSample(kAliasApp);
+  env.installSample(kRpcApp);
+  env.installSample(kPortApp);
+  wm->addWindow(getpid(), true);  // this process's window keeps the focus
+
+  // The message-port request goes last: the ticks of all waits read the mechanism of the
+  // latest send, and a message-port tick under the rpc-port mechanism would find no client
+  // and drop its request.
+  BundlePtr alias = MakeBundle({{"actionId", "openGallery"}});
+  BundlePtr rpc = MakeBundle({{"actionId", "setAlarm"}});
+  BundlePtr port = MakeBundle({{"actionId", "playMusic"}});
+  gint64 start = g_get_monotonic_time();
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kAliasApp, alias.get(), OnAction, kFirst));
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kRpcApp, rpc.get(), OnAction, kSecond));
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kPortApp, port.get(), OnAction, kThird));
+
+  ASSERT_TRUE(waitForCalls(2, 20000)) << log.dump();
+  EXPECT_GE((g_get_monotonic_time() - start) / 1000, 9500);
+  for (const Answer &call : calls) {
+    EXPECT_EQ(call.appId == kRpcApp ? "action:second" : "action:third", call.label);
+    EXPECT_EQ("{\"result\":\"Failure\"}", call.str("result"));
+    EXPECT_EQ(1u, call.strings.size());
+  }
+  // The rpc-port wait ticks once at 10 s, the message-port wait 102 times at 0.1 s; the
+  // rpc-port client went with its wait.
+  EXPECT_EQ(103, log.count("_appLaunchMonitoringCb(): _appLaunchMonitoringCb"));
+  EXPECT_TRUE(log.has("Remove clientMap size(0)"));
+
+  ASSERT_TRUE(RunLoopUntil([&] { return log.has("fail to connect after focused, cnt(61).."); },
+                           30000))
+      << log.dump();
+  EXPECT_GE((g_get_monotonic_time() - start) / 1000, 30500);
+  EXPECT_EQ(62, log.count("_appFocusedMonitoringCb(): _appFocusedMonitoringCb"));
+  RunLoopFor(300);
+  EXPECT_EQ(2u, calls.size());
+}
+
+}  // namespace

@@ -1,0 +1,254 @@
+// The action and state request components on their own: pending requests per app, and
+// the delivery of answers handed to them as the proxy core would. For state requests the
+// test process is the app that is asked: it runs under its own VELNA_APP_ID once it has
+// entered the main loop.
+#include <app_manager.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include "Bundles.h"
+#include "LogCapture.h"
+#include "LoopUntil.h"
+#include "TempEnv.h"
+#include "common/TalvoProxyCommonData.h"
+#include "requests/TalvoProxyActionRequest.h"
+#include "requests/TalvoProxyStateRequest.h"
+
+namespace {
+
+using namespace testsupport;
+
+constexpr const char kApp[] = "org.velna.test.music";
+constexpr const char kSelf[] = "org.velna.test.client";
+constexpr const char kSuccess[] = "ACTION_EXECUTION_SUCCESS";
+constexpr const char kFailure[] = "ACTION_EXECUTION_FAILURE";
+
+class ActionRequestTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    request = TalvoProxyActionRequest::getInstance();
+    ASSERT_EQ(request->initialize(), 0);
+  }
+
+  void Answer(const char *resultText) {
+    BundlePtr answer = MakeBundle({{"status_code", kSuccess}, {"result", resultText}});
+    request->_processActionResult(kApp, answer.get(), resultText);
+  }
+
+  TempEnv env;
+  LogCapture log;
+  TalvoProxyActionRequest *request = nullptr;
+};
+
+TEST_F(ActionRequestTest, SecondRequestReplacesTheFirstAndALaterAnswerIsDropped) {
+  Recorder first, second;
+  BundlePtr data = RequestWithMetadata("1.0.0", "cap.music");
+  bundle_add_str(data.get(), "actionId", "play");
+  ASSERT_EQ(request->executeAction(kApp, data.get(), Recorder::Callback, &first), 0);
+  ASSERT_EQ(request->executeAction(kApp, data.get(), Recorder::Callback, &second), 0);
+  EXPECT_TRUE(log.has("In executeAction function for app:org.velna.test.music, action:play"));
+
+  Answer("{\"played\":true}");
+  EXPECT_EQ(first.calls(), 0);
+  ASSERT_EQ(second.calls(), 1);
+  EXPECT_EQ(second.last().appId, kApp);
+  EXPECT_EQ(second.last().str("result"), "{\"played\":true}");
+  EXPECT_EQ(second.last().str("status_code"), kSuccess);
+  EXPECT_TRUE(log.has("[Received Data Length: 15]-----------------------------------------"));
+
+  Answer("again");
+  EXPECT_EQ(second.calls(), 1);
+  EXPECT_TRUE(log.has("No action execute callback registered by talvo client for app:" +
+                      std::string(kApp)));
+}
+
+TEST_F(ActionRequestTest, RequestWhoseMetadataCannotBeReadStaysRecorded) {
+  Recorder recorder;
+  BundlePtr data = MakeBundle({{"capsuleId", "only"}, {"appVersion", "two keys"}});
+  EXPECT_EQ(request->executeAction(kApp, data.get(), Recorder::Callback, &recorder), -12);
+  EXPECT_TRUE(log.has("app_info_create failed ERROR["));
+  EXPECT_TRUE(log.has("In executeAction function for app:org.velna.test.music, action:(null)"));
+
+  Answer("late");
+  EXPECT_EQ(recorder.calls(), 1);
+}
+
+class StateRequestTest : public ::testing::Test {
+ public:
+  void SetUp() override {
+    setenv("VELNA_APP_ID", kSelf, 1);
+    RunLoopFor(10);  // registers this process as kSelf
+    bool running = false;
+    ASSERT_EQ(app_manager_is_running(kSelf, &running), 0);
+    ASSERT_TRUE(running);
+    request = TalvoProxyStateRequest::getInstance();
+    ASSERT_EQ(request->initialize(), 0);
+  }
+
+  // Requests the state with the app's metadata carried in the request. The SDK version
+  // selects the message port, whose metadata records are rebuilt on every request.
+  BundlePtr Request(const std::string &version = "1.2.0", const std::string &capsuleId = "cap.one",
+                    Recorder *to = nullptr) {
+    BundlePtr data = RequestWithMetadata(version, capsuleId, "1.0-alpha");
+    EXPECT_EQ(request->requestAppState(kSelf, data.get(), Recorder::Callback,
+                                       to ? to : &recorder),
+              0);
+    return data;
+  }
+
+  // Hands an answer to the component; an empty status leaves "status_code" out.
+  void Answer(const std::string &status, const std::string &context) {
+    BundlePtr answer = MakeBundle({{"status_msg", "from the app"}, {"appContext", context}});
+    if (!status.empty()) bundle_add_str(answer.get(), "status_code", status.c_str());
+    char *text = nullptr;
+    bundle_get_str(answer.get(), "appContext", &text);
+    request->_processAppStateResult(kSelf, answer.get(), text);
+  }
+
+  // The last answer is the library's own failure answer.
+  void ExpectFailureAnswer() {
+    EXPECT_TRUE(log.has("JSON parameters error"));
+    EXPECT_EQ(recorder.last().str("status_code"), kFailure);
+    EXPECT_EQ(recorder.last().str("status_msg"), "Json failure because of missing parameter");
+    EXPECT_EQ(recorder.last().str("appContext"), "");
+  }
+
+  TempEnv env;
+  LogCapture log;
+  TalvoProxyStateRequest *request = nullptr;
+  Recorder recorder;
+};
+
+TEST_F(StateRequestTest, SecondRequestReplacesTheFirstAndTheCallersActionIdIsKept) {
+  Recorder first;
+  BundlePtr own = RequestWithMetadata("1.2.0", "cap.one");
+  bundle_add_str(own.get(), "actionId", "mine");
+  ASSERT_EQ(request->requestAppState(kSelf, own.get(), Recorder::Callback, &first), 0);
+  EXPECT_EQ(GetStr(own.get(), "actionId"), "mine");
+  EXPECT_EQ(GetStr(own.get(), "type"), "PunchIn");
+  EXPECT_EQ(GetStr(Request().get(), "actionId"), "getAppContext");
+
+  Answer(kFailure, "{}");
+  Answer(kFailure, "{}");
+  EXPECT_EQ(first.calls(), 0);
+  EXPECT_EQ(recorder.calls(), 1);
+  EXPECT_TRUE(log.has("No app state callback registered by talvo client for app:" +
+                      std::string(kSelf)));
+}
+
+TEST_F(StateRequestTest, ContextIsWrappedInTheEnvelopeOrAnsweredWithFailure) {
+  const std::string head = "{\"appId\":\"org.velna.test.client\",\"appVersion\":\"1.2.0\",";
+  const std::string three = head + "\"capsuleId\":\"cap.one\"}";
+  struct Case {
+    std::string version, capsuleId, status, context;
+    std::string envelope;  // empty: the failure answer
+  };
+  const std::vector<Case> cases = {
+      {"1.2.0", "cap.one", kSuccess, "{ \"concepts\": [\"a\", 1],\n \"name\": \"x\\\"y\" }",
+       head + "\"capsuleId\":\"cap.one\",\"contextBlob\":"
+              "\"{ \\\"concepts\\\": [\\\"a\\\", 1],\\n \\\"name\\\": \\\"x\\\\\\\"y\\\" }\"}"},
+      // The context's own capsule id is copied with its type.
+      {"1.2.0", "cap.one", kSuccess, "{\"capsuleId\":42,\"concepts\":null}",
+       head + "\"capsuleId\":42,\"contextBlob\":\"{\\\"capsuleId\\\":42,\\\"concepts\\\":null}\"}"},
+      {"1.2.0", "cap.one", kFailure, "{\"reason\":\"busy\"}", three},
+      // Without a status code an answer is no success and needs no concepts either.
+      {"1.2.0", "cap.one", "", "{}", three},
+      {"1.2.0", "cap.one", kFailure, "not json {", three},
+      {"1.2.0", "cap.one", kSuccess, "{\"capsuleId\":\"own\"}", ""},
+      {"1.2.0", "cap.one", kSuccess, "[\"concepts\"]", ""},  // a root that is no object
+      // The context's own capsule id does not stand in for the declared one.
+      {"1.2.0", "", kFailure, "{\"capsuleId\":\"own\"}", ""},
+      {"", "cap.one", kFailure, "{}", ""}};
+  for (size_t i = 0; i < cases.size(); ++i) {
+    const Case &c = cases[i];
+    SCOPED_TRACE(c.context);
+    log.clear();
+    Request(c.version, c.capsuleId);
+    Answer(c.status, c.context);
+    ASSERT_EQ(recorder.calls(), int(i + 1));
+    if (c.envelope.empty()) {
+      ExpectFailureAnswer();
+      continue;
+    }
+    EXPECT_EQ(recorder.last().str("appContext"), c.envelope);
+    EXPECT_EQ(recorder.last().str("status_code"), c.status.empty() ? "<absent>" : c.status);
+    EXPECT_EQ(recorder.last().str("status_msg"), "from the app");
+    EXPECT_FALSE(log.has("JSON parameters error"));
+  }
+}
+
+std::string Nested(int depth) {
+  return "{\"concepts\":" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
+}
+
+TEST_F(StateRequestTest, ContextNestedTooDeeplyIsNotParsed) {
+  const std::string hostile(100000, '[');
+  // Past the limit, also where a quote hides in a single-quoted string or a comment, which
+  // the parser reads as such.
+  for (const std::string &context : {Nested(1025), "{\"concepts\":" + hostile,
+                                     "['\"', " + hostile, "[/* \" */ " + hostile}) {
+    log.clear();
+    Request();
+    Answer(kSuccess, context);
+    ExpectFailureAnswer();
+    EXPECT_TRUE(log.has("nests deeper than 1024 levels"));
+  }
+
+  // At the limit, and brackets inside strings of either quote, which do not nest.
+  log.clear();
+  for (const std::string &context :
+       {Nested(1024), "{\"concepts\":\"" + std::string(3000, '[') + "\\\"" +
+                          std::string(3000, '{') + "\", 'x':'\"" + std::string(3000, '[') +
+                          "'}"}) {
+    Request();
+    Answer(kSuccess, context);
+    EXPECT_EQ(recorder.last().str("status_code"), kSuccess);
+    EXPECT_NE(recorder.last().str("appContext").find("\"contextBlob\""), std::string::npos);
+  }
+  EXPECT_EQ(recorder.calls(), 6);
+  EXPECT_FALSE(log.has("nests deeper than"));
+}
+
+TEST_F(StateRequestTest, AnswerWithoutMetadataRecordLeavesTheRequestPending) {
+  // Neither the request nor a manifest declares this process's metadata: refused with -12
+  // but recorded.
+  BundlePtr bare = MakeBundle();
+  EXPECT_EQ(request->requestAppState(kSelf, bare.get(), Recorder::Callback, &recorder), -12);
+  Answer(kFailure, "{}");
+  EXPECT_EQ(recorder.calls(), 0);
+  EXPECT_TRUE(log.has("MetaDataInfo is null"));
+
+  BundlePtr data = RequestWithMetadata("3.0", "cap.three");
+  ASSERT_NE(TalvoProxyCommonData::getInstance()->ExtractMetaData(kSelf, data.get()), nullptr);
+  Answer(kFailure, "{}");
+  ASSERT_EQ(recorder.calls(), 1);
+  EXPECT_EQ(recorder.last().str("appContext"),
+            "{\"appId\":\"org.velna.test.client\",\"appVersion\":\"3.0\","
+            "\"capsuleId\":\"cap.three\"}");
+}
+
+TEST_F(StateRequestTest, CallbackMayStartANewRequestForTheSameApp) {
+  // The first callback asks again; the app's metadata record is rebuilt inside the
+  // dispatch.
+  struct Again {
+    StateRequestTest *test;
+    std::string envelope;
+    Recorder next;
+  } again{this, "", {}};
+  auto askAgain = [](const char *, bundle *result, void *userData) {
+    auto *self = static_cast<Again *>(userData);
+    self->envelope = GetStr(result, "appContext");
+    self->test->Request("9.9", "cap.next", &self->next);
+  };
+  BundlePtr data = RequestWithMetadata("1.2.0", "cap.one", "1.0-alpha");
+  ASSERT_EQ(request->requestAppState(kSelf, data.get(), askAgain, &again), 0);
+
+  Answer(kFailure, "{}");
+  EXPECT_NE(again.envelope.find("\"cap.one\""), std::string::npos);
+  EXPECT_EQ(again.next.calls(), 0);
+  Answer(kFailure, "{}");
+  ASSERT_EQ(again.next.calls(), 1);
+  EXPECT_NE(again.next.last().str("appContext").find("\"cap.next\""), std::string::npos);
+}
+
+}  // namespace
