@@ -1,6 +1,7 @@
 #include "BusFixture.h"
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -13,6 +14,10 @@ namespace testsupport {
 
 namespace {
 
+// Runs in the child before exec: the bus and the simulator end with the test process,
+// also when a timeout or a crash kills it before its fixture's teardown.
+void EndWithParent(gpointer) { prctl(PR_SET_PDEATHSIG, SIGTERM); }
+
 // Starts args and returns its pid and the first line it prints ("" when it ends first);
 // -1 and the reason in *line when it cannot be started. The child is reaped by Stop.
 pid_t SpawnAndReadLine(const std::vector<std::string> &args, std::string *line) {
@@ -23,7 +28,7 @@ pid_t SpawnAndReadLine(const std::vector<std::string> &args, std::string *line) 
   int out = -1;
   GError *error = nullptr;
   if (!g_spawn_async_with_pipes(nullptr, argv.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD,
-                                nullptr, nullptr, &pid, nullptr, &out, nullptr, &error)) {
+                                EndWithParent, nullptr, &pid, nullptr, &out, nullptr, &error)) {
     *line = error->message;
     g_error_free(error);
     return -1;
