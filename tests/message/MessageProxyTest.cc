@@ -20,45 +20,46 @@
 namespace {
 
 using rpc_port::message::proxy::message;
+using testsupport::RunLoopUntil;
 namespace proxy = rpc_port::message::proxy;
+using Strings = std::vector<std::string>;
 
 constexpr const char *kClientId = "org.velna.test.client";
 constexpr const char *kAppId = "org.velna.test.messageapp";
 constexpr int kConnectMs = 20000;
 
 struct Listener : message::IEventListener {
-  int connected = 0, disconnected = 0, rejected = 0;
+  int connected = 0, disconnected = 0;
   bool throwOnConnected = false;
   void OnConnected() override {
     ++connected;
     if (throwOnConnected) throw std::runtime_error("listener failure");
   }
   void OnDisconnected() override { ++disconnected; }
-  void OnRejected() override { ++rejected; }
+  void OnRejected() override {}
 };
 
 // What a delegate saw; outlives the delegate, which the proxy owns and destroys.
 struct Seen {
-  std::vector<std::string> ids, payloads, commands;
+  Strings ids, payloads, commands;
   bool destroyed = false;
 };
 
-class Recorder : public message::ResponseCB {
- public:
-  Recorder(std::shared_ptr<Seen> seen, bool once = false) : ResponseCB(once), seen_(seen) {}
-  ~Recorder() override { seen_->destroyed = true; }
-
- protected:
+struct Recorder : message::ResponseCB {
+  Recorder(std::shared_ptr<Seen> seen, bool once) : ResponseCB(once), seen(seen) {}
+  ~Recorder() override { seen->destroyed = true; }
   void OnReceived(std::string id, bundle *msg) override {
     char *value = nullptr;
-    seen_->ids.push_back(id);
-    seen_->payloads.push_back(bundle_get_str(msg, "result", &value) == 0 ? value : "-");
-    seen_->commands.push_back(bundle_get_str(msg, "commands", &value) == 0 ? value : "-");
+    seen->ids.push_back(id);
+    seen->payloads.push_back(bundle_get_str(msg, "result", &value) == 0 ? value : "-");
+    seen->commands.push_back(bundle_get_str(msg, "commands", &value) == 0 ? value : "-");
   }
-
- private:
-  std::shared_ptr<Seen> seen_;
+  std::shared_ptr<Seen> seen;
 };
+
+std::unique_ptr<message::ResponseCB> NewRecorder(std::shared_ptr<Seen> seen, bool once = false) {
+  return std::make_unique<Recorder>(seen, once);
+}
 
 class MessageProxy : public ::testing::Test {
  protected:
@@ -79,12 +80,17 @@ class MessageProxy : public ::testing::Test {
     auto proxy = std::make_unique<message>(&listener, appId);
     int before = listener.connected;
     proxy->Connect();
-    EXPECT_TRUE(testsupport::RunLoopUntil([&] { return listener.connected > before; }, kConnectMs));
+    EXPECT_TRUE(RunLoopUntil([&] { return listener.connected > before; }, kConnectMs));
     return proxy;
   }
 
-  std::unique_ptr<message::ResponseCB> NewRecorder(std::shared_ptr<Seen> seen, bool once = false) {
-    return std::make_unique<Recorder>(seen, once);
+  // Registers a new recording delegate, expecting SetCB's result; what it will see.
+  static std::shared_ptr<Seen> Register(message &proxy, int result = 0, bool once = false) {
+    auto seen = std::make_shared<Seen>();
+    auto delegate = NewRecorder(seen, once);
+    EXPECT_EQ(proxy.SetCB(delegate), result);
+    EXPECT_EQ(delegate, nullptr) << "the proxy owns the delegate, whatever the result";
+    return seen;
   }
 
   static void Send(message &proxy, const std::string &steps, const std::string &payload,
@@ -98,20 +104,18 @@ class MessageProxy : public ::testing::Test {
   }
 
   static bool WaitFor(const std::shared_ptr<Seen> &seen, size_t answers) {
-    return testsupport::RunLoopUntil([&] { return seen->payloads.size() >= answers; }, 10000);
+    return RunLoopUntil([&] { return seen->payloads.size() >= answers; }, 10000);
   }
 
   // A proxy log line "message.cc: <operation>(<line>) > <text>" at error priority.
   bool HasProxyLine(const std::string &operation, const std::string &text) const {
     const std::string head = "message.cc: " + operation + "(", tail = ") > " + text;
-    for (const auto &line : log.lines()) {
-      const std::string &m = line.message;
-      if (line.tag != "RPC_PORT_PROXY" || line.prio != DLOG_ERROR ||
-          m.size() <= head.size() + tail.size() || m.compare(0, head.size(), head) != 0 ||
-          m.compare(m.size() - tail.size(), tail.size(), tail) != 0)
-        continue;
-      std::string number = m.substr(head.size(), m.size() - head.size() - tail.size());
-      if (number.find_first_not_of("0123456789") == std::string::npos) return true;
+    for (const auto &l : log.lines()) {
+      const std::string &m = l.message;
+      size_t end = m.find_first_not_of("0123456789", head.size());
+      if (l.tag == "RPC_PORT_PROXY" && l.prio == DLOG_ERROR && m.rfind(head, 0) == 0 &&
+          end > head.size() && end != std::string::npos && m.substr(end) == tail)
+        return true;
     }
     return false;
   }
@@ -122,51 +126,48 @@ class MessageProxy : public ::testing::Test {
 };
 
 TEST_F(MessageProxy, DelegatesAreNumberedFromZeroAcrossConnections) {
-  Install("org.velna.test.messageapp2");
   auto first = Connected("sdk");
   auto second = Connected("sdk", "org.velna.test.messageapp2");
-  auto a = std::make_shared<Seen>(), b = std::make_shared<Seen>(), c = std::make_shared<Seen>();
-
-  auto delegate = NewRecorder(a);
-  EXPECT_EQ(delegate->GetTag(), "1::0");
-  EXPECT_EQ(first->SetCB(delegate), 0);
-  delegate = NewRecorder(b);
-  EXPECT_EQ(delegate->GetTag(), "1::1");
-  EXPECT_EQ(second->SetCB(delegate), 0);
-  delegate = NewRecorder(c);
-  EXPECT_EQ(delegate->GetSeq(), 2);
-  EXPECT_EQ(first->SetCB(delegate), 0);
+  auto a = std::make_shared<Seen>(), b = std::make_shared<Seen>();
+  auto delegateA = NewRecorder(a), delegateB = NewRecorder(b);
+  EXPECT_EQ(delegateA->GetTag(), "1::0");
+  EXPECT_EQ(delegateB->GetTag(), "1::1");
+  EXPECT_EQ(first->SetCB(delegateA), 0);
+  EXPECT_EQ(second->SetCB(delegateB), 0);
+  auto delegateC = NewRecorder(a);
+  EXPECT_EQ(delegateC->GetSeq(), 2);
 
   Send(*first, "answer", "to-first");
   Send(*second, "answer", "to-second");
-  ASSERT_TRUE(WaitFor(c, 1) && WaitFor(b, 1));
-  EXPECT_EQ(a->payloads, std::vector<std::string>{"to-first"});
-  EXPECT_EQ(b->payloads, std::vector<std::string>{"to-second"});
-  EXPECT_EQ(c->payloads, std::vector<std::string>{"to-first"});
-  EXPECT_EQ(b->ids, std::vector<std::string>{"org.velna.test.messageapp2"});
+  ASSERT_TRUE(WaitFor(a, 1) && WaitFor(b, 1));
+  EXPECT_EQ(a->payloads, Strings{"to-first"});
+  EXPECT_EQ(b->payloads, Strings{"to-second"});
+  EXPECT_EQ(b->ids, Strings{"org.velna.test.messageapp2"});
 }
 
-TEST_F(MessageProxy, SetCBReturnsTheAppsResultAndKeepsTheDelegateWhateverItIs) {
+// The sample app answers SetCB and UnsetCB with 7, forgets a connection's delegates on
+// UnsetCB, and invokes the delegates in registration order.
+TEST_F(MessageProxy, SetCBReturnsTheAppsValueKeepingTheDelegateAndListenerExceptionsStayInside) {
   setenv("TALVO_SAMPLE_SETCB_RESULT", "7", 1);
+  listener.throwOnConnected = true;
   auto proxy = Connected("sdk");
-  auto seen = std::make_shared<Seen>();
-  auto delegate = NewRecorder(seen);
-
-  EXPECT_EQ(proxy->SetCB(delegate), 7);
-  EXPECT_EQ(delegate, nullptr);
-
+  EXPECT_TRUE(log.has("Exception in the connected event"));
+  auto seen = Register(*proxy, 7);  // the port was stored before the listener ran
   Send(*proxy, "answer", "hello");
   Send(*proxy, "answer", "hello");
   ASSERT_TRUE(WaitFor(seen, 2));
-  EXPECT_EQ(seen->payloads, (std::vector<std::string>{"hello", "hello"}));
-  EXPECT_EQ(seen->ids, (std::vector<std::string>{kAppId, kAppId}));
+  EXPECT_EQ(seen->ids, (Strings{kAppId, kAppId}));
+
+  EXPECT_EQ(proxy->UnsetCB(), 7);
+  auto after = Register(*proxy, 7);
+  Send(*proxy, "answer", "x");
+  ASSERT_TRUE(WaitFor(after, 1));
+  EXPECT_EQ(seen->payloads, (Strings{"hello", "hello"}));
 }
 
 TEST_F(MessageProxy, UnsetCBLeavesTheLocalDelegateAndSendNeverReadsTheMainPort) {
   auto proxy = Connected("lax");
-  auto seen = std::make_shared<Seen>();
-  auto delegate = NewRecorder(seen);
-  ASSERT_EQ(proxy->SetCB(delegate), 0);
+  auto seen = Register(*proxy);
 
   // The app answers this Send with a Result parcel on the main port: UnsetCB finds it
   // there only if Send left the main port alone.
@@ -176,24 +177,8 @@ TEST_F(MessageProxy, UnsetCBLeavesTheLocalDelegateAndSendNeverReadsTheMainPort) 
 
   Send(*proxy, "answer", "still-here");
   ASSERT_TRUE(WaitFor(seen, 1));
-  EXPECT_EQ(seen->payloads, std::vector<std::string>{"still-here"});
+  EXPECT_EQ(seen->payloads, Strings{"still-here"});
   EXPECT_FALSE(seen->destroyed);
-}
-
-TEST_F(MessageProxy, CompanionSdkForgetsDelegatesOnUnsetCBAndListenerExceptionsStayInside) {
-  listener.throwOnConnected = true;
-  auto proxy = Connected("sdk");
-  EXPECT_TRUE(log.has("Exception in the connected event"));
-  auto before = std::make_shared<Seen>(), after = std::make_shared<Seen>();
-  auto delegate = NewRecorder(before);
-  ASSERT_EQ(proxy->SetCB(delegate), 0);  // the port was stored before the listener ran
-  ASSERT_EQ(proxy->UnsetCB(), 0);
-  delegate = NewRecorder(after);
-  ASSERT_EQ(proxy->SetCB(delegate), 0);
-
-  Send(*proxy, "answer", "x");
-  ASSERT_TRUE(WaitFor(after, 1));
-  EXPECT_TRUE(before->payloads.empty());  // delegates are invoked in registration order
 }
 
 TEST_F(MessageProxy, CallsBeforeTheConnectedEventThrowAndSendNothing) {
@@ -201,22 +186,20 @@ TEST_F(MessageProxy, CallsBeforeTheConnectedEventThrowAndSendNothing) {
   auto seen = std::make_shared<Seen>();
   auto delegate = NewRecorder(seen);
   bundle *msg = bundle_create();
-
   EXPECT_THROW(proxy.Send(msg), proxy::NotConnectedSocketException);
+  bundle_free(msg);
   proxy.Connect();
   EXPECT_THROW(proxy.SetCB(delegate), proxy::NotConnectedSocketException);
   EXPECT_THROW(proxy.UnsetCB(), proxy::NotConnectedSocketException);
-  bundle_free(msg);
   ASSERT_NE(delegate, nullptr);  // still the caller's
-  EXPECT_TRUE(HasProxyLine("Send", "Not connected"));
-  EXPECT_TRUE(HasProxyLine("SetCB", "Not connected"));
-  EXPECT_TRUE(HasProxyLine("UnsetCB", "Not connected"));
+  for (const char *operation : {"Send", "SetCB", "UnsetCB"})
+    EXPECT_TRUE(HasProxyLine(operation, "Not connected")) << operation;
 
-  ASSERT_TRUE(testsupport::RunLoopUntil([&] { return listener.connected == 1; }, kConnectMs));
+  ASSERT_TRUE(RunLoopUntil([&] { return listener.connected == 1; }, kConnectMs));
   ASSERT_EQ(proxy.SetCB(delegate), 0);
   Send(proxy, "answer", "");
   ASSERT_TRUE(WaitFor(seen, 1));
-  EXPECT_EQ(seen->commands, std::vector<std::string>{"2,4"});
+  EXPECT_EQ(seen->commands, Strings{"2,4"});
 }
 
 TEST_F(MessageProxy, ConnectMapsInvalidIdPermissionAndIoRefusalsAndOnlyLogsOthers) {
@@ -245,39 +228,31 @@ TEST_F(MessageProxy, ConnectMapsInvalidIdPermissionAndIoRefusalsAndOnlyLogsOther
 TEST_F(MessageProxy, ResultWaitDiscardsCallbackParcelsOnTheMainPort) {
   setenv("MESSAGE_TEST_APP_REGISTER_RESULT", "3", 1);
   auto proxy = Connected("callback-first");
-  auto seen = std::make_shared<Seen>();
-  auto delegate = NewRecorder(seen);
-
-  EXPECT_EQ(proxy->SetCB(delegate), 3);
+  auto seen = Register(*proxy, 3);
   Send(*proxy, "answer", "real");
   ASSERT_TRUE(WaitFor(seen, 1));
-  EXPECT_EQ(seen->payloads, std::vector<std::string>{"real"});
+  EXPECT_EQ(seen->payloads, Strings{"real"});
 }
 
 TEST_F(MessageProxy, PortFailingDuringTheResultWaitThrowsAndKeepsTheDelegate) {
   auto proxy = Connected("exit-on-register");
   auto seen = std::make_shared<Seen>();
   auto delegate = NewRecorder(seen);
-
   EXPECT_THROW(proxy->SetCB(delegate), proxy::InvalidProtocolException);
   EXPECT_EQ(delegate, nullptr);
   EXPECT_TRUE(HasProxyLine("SetCB", "Invalid protocol"));
   EXPECT_FALSE(seen->destroyed);
 
   // The disconnection empties the delegate list, so the delegate was in it.
-  ASSERT_TRUE(testsupport::RunLoopUntil([&] { return listener.disconnected == 1; }, 5000));
+  ASSERT_TRUE(RunLoopUntil([&] { return listener.disconnected == 1; }, 5000));
   EXPECT_TRUE(seen->destroyed);
 }
 
 TEST_F(MessageProxy, OnceDelegateReceivesOnlyTheFirstInvocationAndDisposeRemovesByTag) {
   auto proxy = Connected("lax");
-  auto once = std::make_shared<Seen>(), many = std::make_shared<Seen>();
+  auto once = Register(*proxy, 0, true), many = Register(*proxy);
   auto disposed = std::make_shared<Seen>();
-  auto delegate = NewRecorder(once, true);
-  ASSERT_EQ(proxy->SetCB(delegate), 0);
-  delegate = NewRecorder(many, false);
-  ASSERT_EQ(proxy->SetCB(delegate), 0);
-  delegate = NewRecorder(disposed);
+  auto delegate = NewRecorder(disposed);
   std::string tag = delegate->GetTag();
   ASSERT_EQ(proxy->SetCB(delegate), 0);
   proxy->DisposeCallback("1::999");
@@ -296,44 +271,38 @@ TEST_F(MessageProxy, OnceDelegateReceivesOnlyTheFirstInvocationAndDisposeRemoves
 
 TEST_F(MessageProxy, UnknownDelegatesAndOtherCommandsAreIgnoredAndUnreadableIdsDropped) {
   auto proxy = Connected("lax");
-  auto seen = std::make_shared<Seen>();
-  auto delegate = NewRecorder(seen);
-  ASSERT_EQ(proxy->SetCB(delegate), 0);
-
+  auto seen = Register(*proxy);
   Send(*proxy, "unknown-seq,wrong-command,answer", "valid");
   ASSERT_TRUE(WaitFor(seen, 1));
   for (const auto &line : log.lines()) EXPECT_NE(line.tag, "RPC_PORT_PROXY") << line.message;
 
   Send(*proxy, "unreadable-string,answer", "valid");
   ASSERT_TRUE(WaitFor(seen, 2));
-  EXPECT_EQ(seen->payloads, (std::vector<std::string>{"valid", "valid"}));
+  EXPECT_EQ(seen->payloads, (Strings{"valid", "valid"}));
   EXPECT_TRUE(HasProxyLine("OnReceivedEvent", "Failed to read the id of callback 1::0, dropped"))
       << log.dump();
 }
 
 // A peer that does not speak the interface loses its connection to a companion app.
 TEST_F(MessageProxy, CompanionSdkClosesAConnectionThatSendsAnUnknownCommand) {
-  auto proxy = Connected("sdk");
-  (void)proxy;
+  Install(kAppId, "", "sdk");
   rpc_port_proxy_h raw = nullptr;
   ASSERT_EQ(rpc_port_proxy_create(&raw), 0);
   rpc_port_h port = nullptr;
-  int disconnected = 0;
   rpc_port_proxy_add_connected_event_cb(
       raw, [](const char *, const char *, rpc_port_h p, void *out) { *static_cast<rpc_port_h *>(out) = p; },
       &port);
   rpc_port_proxy_add_disconnected_event_cb(
-      raw, [](const char *, const char *, void *count) { ++*static_cast<int *>(count); },
-      &disconnected);
+      raw, [](const char *, const char *, void *out) { *static_cast<rpc_port_h *>(out) = nullptr; }, &port);
   ASSERT_EQ(rpc_port_proxy_connect(raw, kAppId, "message"), 0);
-  ASSERT_TRUE(testsupport::RunLoopUntil([&] { return port != nullptr; }, kConnectMs));
+  ASSERT_TRUE(RunLoopUntil([&] { return port != nullptr; }, kConnectMs));
 
   rpc_port_parcel_h parcel = nullptr;
   rpc_port_parcel_create(&parcel);
   rpc_port_parcel_write_int32(parcel, 9);
   rpc_port_parcel_send(parcel, port);
   rpc_port_parcel_destroy(parcel);
-  EXPECT_TRUE(testsupport::RunLoopUntil([&] { return disconnected == 1; }, 5000));
+  EXPECT_TRUE(RunLoopUntil([&] { return port == nullptr; }, 5000));
   rpc_port_proxy_destroy(raw);
 }
 

@@ -13,17 +13,17 @@ extern "C" {
 
 namespace {
 
+// Frames that arrived on a channel, and how often it reported its close.
 struct Recorder {
   std::vector<std::vector<unsigned char>> frames;
   int closedCalls = 0;
 };
 
 void TakeOne(velna_channel *channel, void *data) {
-  Recorder *rec = static_cast<Recorder *>(data);
   unsigned char *payload = nullptr;
   size_t len = 0;
   ASSERT_EQ(velna_channel_take_frame(channel, 0, &payload, &len), 0);
-  rec->frames.emplace_back(payload, payload + len);
+  static_cast<Recorder *>(data)->frames.emplace_back(payload, payload + len);
   free(payload);
 }
 
@@ -35,12 +35,13 @@ std::vector<unsigned char> Bytes(size_t size, unsigned seed) {
   return v;
 }
 
+// Two channels on a socketpair, a_ sending to b_, each refusing frames over maxFrame.
 class Channel : public ::testing::Test {
  protected:
   void SetUp() override { Pair(16u << 20); }
   void TearDown() override {
-    if (a_) velna_channel_close(a_);
-    if (b_) velna_channel_close(b_);
+    for (velna_channel *c : {a_, b_})
+      if (c) velna_channel_close(c);
     a_ = b_ = nullptr;
   }
   void Pair(uint32_t maxFrame) {
@@ -51,8 +52,7 @@ class Channel : public ::testing::Test {
     b_ = velna_channel_new(sv[1], maxFrame);
     ASSERT_TRUE(a_ && b_);
   }
-  velna_channel *a_ = nullptr;
-  velna_channel *b_ = nullptr;
+  velna_channel *a_ = nullptr, *b_ = nullptr;
   Recorder rec_;
 };
 

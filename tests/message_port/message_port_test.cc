@@ -37,8 +37,7 @@ using testsupport::BundlePtr;
 using testsupport::GetStr;
 
 struct Received {
-  bool hasRemote;
-  std::string remote;
+  std::string remote;  // "<null>" when the sender has no app id
   BundlePtr message;
 };
 
@@ -70,7 +69,7 @@ class MessagePort : public ::testing::Test {
     EXPECT_EQ(remotePort, nullptr);
     EXPECT_FALSE(trusted);
     static_cast<MessagePort *>(self)->received_.push_back(
-        {remote != nullptr, remote ? remote : "", BundlePtr(bundle_dup(message))});
+        {remote ? remote : "<null>", BundlePtr(bundle_dup(message))});
   }
 
   bool PortExists(const char *app, const char *port) {
@@ -79,7 +78,7 @@ class MessagePort : public ::testing::Test {
     return exist;
   }
 
-  void LaunchApp() { ASSERT_TRUE(env_.launch(kApp, kAppPort)) << "the app never registered its port"; }
+  void LaunchApp() { ASSERT_TRUE(env_.launch(kApp, kAppPort)); }
 
   // A command for the app, answered to kClientPort; "echo" returns it with "sender" added.
   static BundlePtr Command(const char *cmd) {
@@ -114,7 +113,6 @@ TEST_F(MessagePort, RoundTripsKeepOrderBothWaysAndNameEachSenderAsThePlatformKno
   // One connection each way: the echoes first, in order, then the app's own sends.
   for (int i = 0; i < 2000; i++) {
     bundle *b = received_[i].message.get();
-    ASSERT_TRUE(received_[i].hasRemote);
     ASSERT_EQ(received_[i].remote, kApp) << i;  // the app, as seen by us
     ASSERT_EQ(GetStr(b, "cmd"), i < 1000 ? "echo" : "numbered") << i;
     ASSERT_EQ(GetStr(b, "seq"), std::to_string(i % 1000)) << i;
@@ -125,23 +123,17 @@ TEST_F(MessagePort, RoundTripsKeepOrderBothWaysAndNameEachSenderAsThePlatformKno
 
 TEST_F(MessagePort, MessageOverTheCapIsRefusedAndSixtyFourMiBTravelsWhole) {
   LaunchApp();
-  {
-    std::vector<unsigned char> big(MESSAGE_PORT_MAX_MESSAGE_SIZE, 1);
+  for (size_t size : {size_t(MESSAGE_PORT_MAX_MESSAGE_SIZE), size_t(64u << 20)}) {
     BundlePtr msg = Command("echo");
-    bundle_add_byte(msg.get(), "data", big.data(), big.size());
-    EXPECT_EQ(message_port_send_message(kApp, kAppPort, msg.get()), -EMSGSIZE);
-    EXPECT_TRUE(log_.has("over the limit of 134217728 bytes")) << log_.dump();
+    bundle_add_byte(msg.get(), "data", Pattern(size, 7).data(), size);
+    EXPECT_EQ(message_port_send_message(kApp, kAppPort, msg.get()), size == (64u << 20) ? 0 : -EMSGSIZE);
   }
-  const std::vector<unsigned char> data = Pattern(64u << 20, 7);
-  BundlePtr msg = Command("echo");
-  bundle_add_byte(msg.get(), "data", data.data(), data.size());
-  ASSERT_EQ(message_port_send_message(kApp, kAppPort, msg.get()), 0);
-  msg.reset();
+  EXPECT_TRUE(log_.has("over the limit of 134217728 bytes")) << log_.dump();
 
   // Nothing of the refused one went out: the first answer is the 64 MiB echo.
   ASSERT_TRUE(WaitForMessages(1, 60000)) << log_.dump();
   EXPECT_EQ(received_[0].remote, kApp);
-  EXPECT_TRUE(HasBytes(received_[0].message.get(), "data", data));
+  EXPECT_TRUE(HasBytes(received_[0].message.get(), "data", Pattern(64u << 20, 7)));
   testsupport::RunLoopFor(200);
   EXPECT_EQ(received_.size(), 1u);
 }
@@ -149,28 +141,27 @@ TEST_F(MessagePort, MessageOverTheCapIsRefusedAndSixtyFourMiBTravelsWhole) {
 TEST_F(MessagePort, SenderClaimingAnotherLiveAppsIdIsNotBelieved) {
   LaunchApp();
   // The impostor, started by hand, names itself kApp while the real kApp runs.
-  gchar **envp = g_get_environ();
-  envp = g_environ_setenv(envp, "VELNA_APP_ID", kApp, TRUE);
+  gchar **envp = g_environ_setenv(g_get_environ(), "VELNA_APP_ID", kApp, TRUE);
   envp = g_environ_setenv(envp, "MP_TEST_PORT", "", TRUE);
   envp = g_environ_setenv(envp, "MP_TEST_SEND_TO", (std::string(kClient) + ":" + kClientPort).c_str(), TRUE);
   gchar *argv[] = {const_cast<gchar *>(TEST_APP), nullptr};
   GPid impostor = 0;
-  ASSERT_TRUE(g_spawn_async(nullptr, argv, envp, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr,
-                            &impostor, nullptr));
+  bool spawned = g_spawn_async(nullptr, argv, envp, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr, &impostor, nullptr);
   g_strfreev(envp);
+  ASSERT_TRUE(spawned);
 
   bool arrived = WaitForMessages(1);
   kill(impostor, SIGKILL);
   waitpid(impostor, nullptr, 0);
   ASSERT_TRUE(arrived) << log_.dump();
-  EXPECT_FALSE(received_[0].hasRemote) << received_[0].remote;
+  EXPECT_EQ(received_[0].remote, "<null>");
 
   ASSERT_EQ(SendEcho(), 0);
   ASSERT_TRUE(WaitForMessages(2)) << log_.dump();
   EXPECT_EQ(received_[1].remote, kApp);
 }
 
-TEST_F(MessagePort, MissingAppOrPortIsNoEntryAndTheCheckFollowsTheApp) {
+TEST_F(MessagePort, MissingAppOrPortIsNoEntryAndOnlyAProcessWithAFreeValidIdOwnsAPort) {
   EXPECT_FALSE(PortExists(kApp, kAppPort));
   bool exist = false;
   EXPECT_EQ(message_port_check_remote_port("", kAppPort, &exist), -EINVAL);
@@ -185,60 +176,52 @@ TEST_F(MessagePort, MissingAppOrPortIsNoEntryAndTheCheckFollowsTheApp) {
   ASSERT_EQ(SendEcho(), 0);
   ASSERT_TRUE(WaitForMessages(1));
 
-  // Ended: gone at once, before the loop has seen the connection close.
-  ASSERT_EQ(app_manager_terminate_app(kApp), 0);
-  EXPECT_FALSE(PortExists(kApp, kAppPort));
-  EXPECT_EQ(SendEcho(), -ENOENT);
-}
-
-TEST_F(MessagePort, ProcessWithoutAValidOrFreeAppIdCannotOwnAPort) {
-  LaunchApp();  // kApp is held by the app's process now
   auto cb = [](int, const char *, const char *, bool, bundle *, void *) {};
   unsetenv("VELNA_APP_ID");
   EXPECT_EQ(message_port_register_local_port("SOME_PORT", cb, nullptr), -EINVAL);
   setenv("VELNA_APP_ID", "not a valid id", 1);
   EXPECT_EQ(message_port_register_local_port("SOME_PORT", cb, nullptr), -EINVAL);
   EXPECT_EQ(log_.count("no valid VELNA_APP_ID"), 2) << log_.dump();
-  setenv("VELNA_APP_ID", kApp, 1);
+  setenv("VELNA_APP_ID", kApp, 1);  // held by the app's process
   EXPECT_EQ(message_port_register_local_port("MINE", cb, nullptr), -EEXIST);
+
+  // Ended: gone at once, before the loop has seen the connection close.
+  ASSERT_EQ(app_manager_terminate_app(kApp), 0);
+  EXPECT_FALSE(PortExists(kApp, kAppPort));
+  EXPECT_EQ(SendEcho(), -ENOENT);
 }
 
 // A raw connection to the client's own port, as a hostile local process could make.
 int RawConnect() {
-  char path[108];
-  EXPECT_EQ(velna_socket_path("mp", kClient, kClientPort, path, sizeof path), 0);
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
-  std::memcpy(addr.sun_path, path, std::strlen(path) + 1);
+  EXPECT_EQ(velna_socket_path("mp", kClient, kClientPort, addr.sun_path, sizeof addr.sun_path), 0);
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
   return fd;
 }
 
-void SendFrame(int fd, uint32_t magic, uint32_t len, const std::vector<unsigned char> &payload) {
-  std::vector<unsigned char> bytes(8);
-  for (int i = 0; i < 4; i++) {
-    bytes[i] = static_cast<unsigned char>(magic >> (8 * i));
-    bytes[4 + i] = static_cast<unsigned char>(len >> (8 * i));
-  }
-  bytes.insert(bytes.end(), payload.begin(), payload.end());
+// Writes a frame header (magic, length) and payload to fd.
+void SendFrame(int fd, const std::string &payload, uint32_t len, uint32_t magic = VELNA_FRAME_MAGIC) {
+  std::string bytes(8, '\0');
+  for (int i = 0; i < 4; i++) bytes[i] = char(magic >> (8 * i)), bytes[4 + i] = char(len >> (8 * i));
+  bytes += payload;
   EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
 }
 
 TEST_F(MessagePort, HostileBytesDropOnlyThatPeer) {
-  BundlePtr forged = testsupport::MakeBundle({{"cmd", "forged"}});
   unsigned char *raw = nullptr;
   size_t len = 0;
-  ASSERT_EQ(bundle_encode_raw(forged.get(), &raw, &len), 0);
-  const std::vector<unsigned char> good(raw, raw + len);
+  ASSERT_EQ(bundle_encode_raw(testsupport::MakeBundle({{"cmd", "forged"}}).get(), &raw, &len), 0);
+  const std::string good(reinterpret_cast<char *>(raw), len);
   free(raw);
 
   int wrongMagic = RawConnect(), overCap = RawConnect(), badBundle = RawConnect(), honest = RawConnect();
-  SendFrame(wrongMagic, 0x12345678u, uint32_t(len), good);
-  SendFrame(wrongMagic, VELNA_FRAME_MAGIC, uint32_t(len), good);  // after the drop
-  SendFrame(overCap, VELNA_FRAME_MAGIC, MESSAGE_PORT_MAX_MESSAGE_SIZE + 1, {});
-  SendFrame(badBundle, VELNA_FRAME_MAGIC, 5, {'V', 'B', 'D', 'L', 0});
-  SendFrame(honest, VELNA_FRAME_MAGIC, uint32_t(len), good);
+  SendFrame(wrongMagic, good, uint32_t(len), 0x12345678u);
+  SendFrame(wrongMagic, good, uint32_t(len));  // after the drop
+  SendFrame(overCap, "", MESSAGE_PORT_MAX_MESSAGE_SIZE + 1);
+  SendFrame(badBundle, std::string("VBDL", 5), 5);
+  SendFrame(honest, good, uint32_t(len));
 
   auto dropped = [](int fd) {
     char c;
@@ -250,9 +233,9 @@ TEST_F(MessagePort, HostileBytesDropOnlyThatPeer) {
       << received_.size() << " arrived\n" << log_.dump();
   testsupport::RunLoopFor(100);
 
-  EXPECT_TRUE(log_.has("bad frame magic 0x12345678")) << log_.dump();
-  EXPECT_TRUE(log_.has("frame of 134217729 bytes exceeds the cap")) << log_.dump();
-  EXPECT_TRUE(log_.has("undecodable message of 5 bytes")) << log_.dump();
+  for (const char *why : {"bad frame magic 0x12345678", "frame of 134217729 bytes exceeds the cap",
+                          "undecodable message of 5 bytes"})
+    EXPECT_TRUE(log_.has(why)) << log_.dump();
   ASSERT_EQ(received_.size(), 1u);
   EXPECT_EQ(GetStr(received_[0].message.get(), "cmd"), "forged");
   EXPECT_EQ(received_[0].remote, kClient);  // the raw socket's owner: this very process

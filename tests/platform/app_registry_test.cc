@@ -16,25 +16,22 @@ namespace {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-const std::string kVersionKey = "http://velna.org/velna/metadata/talvo/companion-app/version";
 const std::string kSdkKey = "http://velna.org/velna/metadata/talvo/sdk/version";
 
+// The app's metadata in foreach order, up to stopAfter entries when that is given.
 Pairs Metadata(const char *appId, int stopAfter = -1) {
   app_info_h info = nullptr;
   EXPECT_EQ(0, app_info_create(appId, &info));
-  if (!info) return {};
   struct Ctx {
     Pairs out;
     int stopAfter;
   } ctx{{}, stopAfter};
-  EXPECT_EQ(0, app_info_foreach_metadata(
-                   info,
-                   [](const char *k, const char *v, void *data) {
-                     auto *c = static_cast<Ctx *>(data);
-                     c->out.emplace_back(k, v);
-                     return c->stopAfter < 0 || int(c->out.size()) < c->stopAfter;
-                   },
-                   &ctx));
+  auto collect = [](const char *k, const char *v, void *data) {
+    auto *c = static_cast<Ctx *>(data);
+    c->out.emplace_back(k, v);
+    return c->stopAfter < 0 || int(c->out.size()) < c->stopAfter;
+  };
+  EXPECT_EQ(0, app_info_foreach_metadata(info, collect, &ctx));
   app_info_destroy(info);
   return ctx.out;
 }
@@ -44,15 +41,11 @@ enum Field { kInfoPackage, kPackageId, kExec };
 // The field as its getter hands it out, else "<result>".
 std::string Get(const char *appId, Field field) {
   char *value = nullptr;
-  int r = 0;
-  if (field == kPackageId) {
-    r = package_manager_get_package_id_by_app_id(appId, &value);
-  } else {
-    app_info_h info = nullptr;
-    r = app_info_create(appId, &info);
-    if (r == 0) r = field == kInfoPackage ? app_info_get_package(info, &value) : app_info_get_exec(info, &value);
-    app_info_destroy(info);
-  }
+  app_info_h info = nullptr;
+  int r = field == kPackageId ? package_manager_get_package_id_by_app_id(appId, &value)
+                              : app_info_create(appId, &info);
+  if (info) r = field == kInfoPackage ? app_info_get_package(info, &value) : app_info_get_exec(info, &value);
+  app_info_destroy(info);
   std::string out = r == 0 ? value : "<" + std::to_string(r) + ">";
   free(value);
   return out;
@@ -65,8 +58,8 @@ class Manifests : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Manifests, MetadataInFileOrderAndInfoPackageDefaultingToPackage) {
-  const Pairs metadata = {{kVersionKey, "1.2.0"},
+TEST_F(Manifests, FieldsAndMetadataInFileOrderWithDefaultsAndRewritesReadAfresh) {
+  const Pairs metadata = {{"http://velna.org/velna/metadata/talvo/companion-app/version", "1.2.0"},
                           {kSdkKey, "1.1.0"},
                           {"http://velna.org/velna/metadata/talvo/companion-app/capsule-id",
                            "capsule;with\\sescapes=and:colons"}};
@@ -83,6 +76,10 @@ TEST_F(Manifests, MetadataInFileOrderAndInfoPackageDefaultingToPackage) {
   EXPECT_EQ("org.example.plain", Get("org.example.plain", kPackageId));
   EXPECT_EQ("<-2>", Get("org.example.plain", kExec));
   EXPECT_TRUE(Metadata("org.example.plain").empty());
+
+  // Same size, same second: only the finer times and the content differ.
+  env_.install({"org.example.plain", "org.example.other", "", "", "", {}});
+  EXPECT_EQ("org.example.other", Get("org.example.plain", kPackageId));
 }
 
 TEST_F(Manifests, MalformedOrIncompleteManifestIsAnErrorForThatAppOnly) {
@@ -115,13 +112,4 @@ TEST_F(Manifests, UnknownAndInvalidAppIdsAreRefused) {
   const std::string longest(251, 'a');
   env_.install({longest, "p", "", "", "", {}});
   EXPECT_EQ("p", Get(longest.c_str(), kPackageId));
-}
-
-TEST_F(Manifests, RewrittenManifestIsReadAfresh) {
-  env_.install({"org.example.app", "first", "", "", "", {{"k", "1"}}});
-  EXPECT_EQ("first", Get("org.example.app", kPackageId));
-  // Same size, same second: only the finer times and the content differ.
-  env_.install({"org.example.app", "other", "", "", "", {{"k", "2"}}});
-  EXPECT_EQ("other", Get("org.example.app", kPackageId));
-  EXPECT_EQ((Pairs{{"k", "2"}}), Metadata("org.example.app"));
 }

@@ -12,42 +12,36 @@
 
 #include "LoopUntil.h"
 
-// Internal interfaces of the platform layer (C, without C++ guards).
 extern "C" {
 #include "main_loop_internal.h"
 }
 
 namespace {
 
-struct Counts {
-  int idle = 0, timeout = 0, ecoreTimer = 0;
-};
-
 gboolean Count(gpointer counter) {
   ++*static_cast<int *>(counter);
   return G_SOURCE_REMOVE;
 }
 
+Eina_Bool Tick(void *counter) {
+  ++*static_cast<int *>(counter);
+  return ECORE_CALLBACK_RENEW;
+}
+
 }  // namespace
 
-TEST(MainLoop, GlibIdleGlibTimeoutAndEcoreTimerAllFireOnOneLoop) {
+TEST(MainLoop, GlibIdleGlibTimeoutAndEcoreTimerAllFireOnOneLoopRunAfterRun) {
   ASSERT_EQ(0, velna_main_loop_init());
-  Counts c;
-  g_idle_add(Count, &c.idle);
-  g_timeout_add(30, Count, &c.timeout);
-  Ecore_Timer *timer = ecore_timer_add(
-      0.02, [](void *d) -> Eina_Bool { return ++*static_cast<int *>(d), ECORE_CALLBACK_RENEW; },
-      &c.ecoreTimer);
-
-  EXPECT_TRUE(testsupport::RunLoopUntil(
-      [&] { return c.idle && c.timeout && c.ecoreTimer >= 2; }, 5000))
-      << c.idle << " " << c.timeout << " " << c.ecoreTimer;
-  EXPECT_EQ(1, c.idle);
-  EXPECT_EQ(1, c.timeout);
-
-  // The loop runs again after it returned, timers and all.
-  int before = c.ecoreTimer;
-  EXPECT_TRUE(testsupport::RunLoopUntil([&] { return c.ecoreTimer > before; }, 5000));
+  int idle = 0, timeout = 0, ticks = 0;
+  g_idle_add(Count, &idle);
+  g_timeout_add(30, Count, &timeout);
+  Ecore_Timer *timer = ecore_timer_add(0.02, Tick, &ticks);
+  EXPECT_TRUE(testsupport::RunLoopUntil([&] { return idle && timeout && ticks >= 2; }, 5000))
+      << idle << " " << timeout << " " << ticks;
+  EXPECT_EQ(1, idle);
+  EXPECT_EQ(1, timeout);
+  int before = ticks;
+  EXPECT_TRUE(testsupport::RunLoopUntil([&] { return ticks > before; }, 5000));
   ecore_timer_del(timer);
 }
 
@@ -60,17 +54,16 @@ TEST(MainLoop, DispatchesGlibDescriptorsAboveTheFdSetLimit) {
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &lim));
 
   // 600 pipes, each read end watched by GLib: well over 1024 descriptors.
-  int fds[2], fired = 0, timerFired = 0;
+  int fds[2], fired = 0, ticks = 0;
   for (int i = 0; i < 600; ++i) {
     ASSERT_EQ(0, pipe(fds));
     g_unix_fd_add(fds[0], G_IO_IN, [](gint, GIOCondition, gpointer d) { return Count(d); }, &fired);
   }
   ASSERT_GT(fds[0], 1100);
-  ecore_timer_add(
-      0.01, [](void *d) -> Eina_Bool { return ++*static_cast<int *>(d), ECORE_CALLBACK_CANCEL; },
-      &timerFired);
+  Ecore_Timer *timer = ecore_timer_add(0.01, Tick, &ticks);
   ASSERT_EQ(1, write(fds[1], "x", 1));
-  EXPECT_TRUE(testsupport::RunLoopUntil([&] { return fired && timerFired; }, 5000));
+  EXPECT_TRUE(testsupport::RunLoopUntil([&] { return fired && ticks; }, 5000));
+  ecore_timer_del(timer);
 }
 
 namespace {

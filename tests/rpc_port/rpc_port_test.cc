@@ -1,7 +1,6 @@
 // rpc-port between this process (proxy) and the test app (stub, mode "echo"), against
 // hostile peers played by this process on raw sockets, and parcels in memory.
 #include <app_manager.h>
-#include <dirent.h>
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -14,6 +13,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -37,6 +37,7 @@ namespace {
 constexpr const char *kClientId = "test.client";
 constexpr const char *kEchoApp = "test.echo";
 constexpr const char *kPortName = "echo";
+constexpr int kMain = RPC_PORT_PORT_MAIN, kCb = RPC_PORT_PORT_CALLBACK;
 
 // The commands of the test app's "echo" mode.
 enum Command { kResult = 0, kInvoke = 1, kEcho = 1, kCallback = 2, kSilent = 3, kCrash = 4, kWho = 6 };
@@ -47,10 +48,11 @@ struct ParcelDeleter {
 using Parcel = std::unique_ptr<rpc_port_parcel_s, ParcelDeleter>;
 using Bundle = testsupport::BundlePtr;
 
-// Takes the next parcel that port delivers into *out (null on failure); the result.
+// Takes the next parcel that port delivers into *out; the result. A failure yields null.
 int Take(rpc_port_h port, Parcel *out) {
   rpc_port_parcel_h raw = nullptr;
   int r = rpc_port_parcel_create_from_port(&raw, port);
+  EXPECT_TRUE(r == 0 || raw == nullptr);
   out->reset(raw);
   return r;
 }
@@ -62,8 +64,6 @@ Parcel NewParcel() {
 }
 
 Bundle BundleWith(const std::string &value) { return testsupport::MakeBundle({{"v", value}}); }
-
-std::string ValueOf(bundle *b) { return b ? testsupport::GetStr(b, "v") : "<none>"; }
 
 // The next field of p, or "<failed>" (-99 for an int).
 int ReadInt(rpc_port_parcel_h p) {
@@ -78,7 +78,7 @@ std::string ReadStr(rpc_port_parcel_h p) {
 }
 std::string ReadBundleValue(rpc_port_parcel_h p) {
   bundle *b = nullptr;
-  return rpc_port_parcel_read_bundle(p, &b) == 0 ? ValueOf(Bundle(b).get()) : "<failed>";
+  return rpc_port_parcel_read_bundle(p, &b) == 0 ? testsupport::GetStr(Bundle(b).get(), "v") : "<failed>";
 }
 
 // Sends a command parcel on port: the command, then text and b when given.
@@ -101,15 +101,18 @@ class Client {
     rpc_port_proxy_add_rejected_event_cb(proxy, Counter<&Client::rejected>, this);
     rpc_port_proxy_add_received_event_cb(proxy, OnReceived, this);
   }
-  ~Client() {
-    if (proxy) rpc_port_proxy_destroy(proxy);
-  }
+  ~Client() { destroy(); }
   Client(const Client &) = delete;
   Client &operator=(const Client &) = delete;
 
   int connect(const char *app = kEchoApp) { return rpc_port_proxy_connect(proxy, app, kPortName); }
   bool waitConnected(int ms = 10000) {
     return RunLoopUntil([this] { return connected > 0 || rejected > 0; }, ms) && connected > 0;
+  }
+  bool open() { return connect() == 0 && waitConnected(); }
+  void destroy() {
+    if (proxy) rpc_port_proxy_destroy(proxy);
+    proxy = nullptr;
   }
   int events() const { return connected + disconnected + rejected + received; }
 
@@ -124,10 +127,9 @@ class Client {
   static void Counter(const char *, const char *, void *data) {
     static_cast<Client *>(data)->*count += 1;
   }
-  static void OnConnected(const char *endpoint, const char *port_name, rpc_port_h port, void *data) {
+  static void OnConnected(const char *, const char *port_name, rpc_port_h port, void *data) {
     Client *c = static_cast<Client *>(data);
     EXPECT_STREQ(port_name, kPortName);
-    EXPECT_NE(endpoint, nullptr);
     c->connected++;
     c->port = port;
     if (c->onConnected) c->onConnected();
@@ -170,28 +172,20 @@ void ExpectEcho(rpc_port_h port, const std::string &text) {
 }
 
 int OpenDescriptors() {
-  int n = 0;
-  DIR *d = opendir("/proc/self/fd");
-  while (d && readdir(d)) n++;
-  if (d) closedir(d);
-  return n;
+  return int(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
-std::string SocketPath(const char *app) {
-  char path[108];
-  EXPECT_EQ(velna_socket_path(RPC_PORT_SOCKET_KIND, app, kPortName, path, sizeof path), 0);
-  return path;
-}
-
-int RawConnect(const std::string &path) {
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+sockaddr_un SocketAddress(const char *app) {
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
-  strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-  if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0) {
-    close(fd);
-    return -1;
-  }
+  EXPECT_EQ(velna_socket_path(RPC_PORT_SOCKET_KIND, app, kPortName, addr.sun_path, sizeof addr.sun_path), 0);
+  return addr;
+}
+
+int RawConnect(const char *app) {
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr = SocketAddress(app);
+  EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
   return fd;
 }
 
@@ -205,11 +199,9 @@ std::string Frame(const std::string &payload, uint32_t magic = VELNA_FRAME_MAGIC
   }
   return out + payload;
 }
-
 std::string Hello(int kind, const std::string &instance) {
   return Frame(RPC_PORT_HANDSHAKE_MAGIC + std::string{char(kind), char(instance.size())} + instance);
 }
-
 std::string Ack(int kind) {
   return Frame(RPC_PORT_HANDSHAKE_MAGIC + std::string{char(kind), char(RPC_PORT_ACK_OK)});
 }
@@ -237,16 +229,15 @@ std::string Read(int fd, size_t n = SIZE_MAX) {
   return got;
 }
 
-TEST_F(RpcPort, ConnectLaunchesTheAppThatAnswersOnTheMainPortAndInvokesOnTheCallbackPort) {
+TEST_F(RpcPort, ConnectedAppAnswersOnTheMainPortWithinTheTimeoutAndInvokesOnTheCallbackPort) {
   installEcho();
   Client c;
   ASSERT_EQ(c.connect(), 0);
   EXPECT_EQ(c.events(), 0) << "the outcome is an event of a later loop turn";
   ASSERT_TRUE(c.waitConnected());
-
-  bool running = false;
-  EXPECT_EQ(app_manager_is_running(kEchoApp, &running), 0);
-  EXPECT_TRUE(running);
+  rpc_port_h mainPort = nullptr;
+  EXPECT_EQ(rpc_port_proxy_get_port(c.proxy, RPC_PORT_PORT_MAIN, &mainPort), 0);
+  EXPECT_EQ(mainPort, c.port);
   ExpectEcho(c.port, "first");
   ExpectEcho(c.port, std::string(100000, 'x'));
 
@@ -257,19 +248,24 @@ TEST_F(RpcPort, ConnectLaunchesTheAppThatAnswersOnTheMainPortAndInvokesOnTheCall
   EXPECT_EQ(ReadInt(who.get()), kResult);
   EXPECT_EQ(ReadStr(who.get()), kClientId);
   EXPECT_NE(ReadStr(who.get()), "<failed>");
-
-  rpc_port_h main_port = nullptr;
-  EXPECT_EQ(rpc_port_proxy_get_port(c.proxy, RPC_PORT_PORT_MAIN, &main_port), 0);
-  EXPECT_EQ(main_port, c.port);
   EXPECT_EQ(c.received, 0) << "answers on the main port raise no event";
 
-  // Invocations on the callback port raise the received event, in order.
   for (const char *v : {"one", "two", "three"})
     ASSERT_EQ(SendCommand(c.port, kCallback, nullptr, BundleWith(v).get()), 0);
   ASSERT_TRUE(RunLoopUntil([&] { return c.invocations.size() == 3; }, 5000));
   EXPECT_EQ(c.invocations, (std::vector<std::string>{"one", "two", "three"}));
-  EXPECT_EQ(c.connected, 1);
-  EXPECT_EQ(c.received, 3);
+
+  // A silent app fails the synchronous read after VELNA_RPC_TIMEOUT_MS, and only the read.
+  setenv("VELNA_RPC_TIMEOUT_MS", "300", 1);
+  ASSERT_EQ(SendCommand(c.port, kSilent), 0);
+  gint64 start = g_get_monotonic_time();
+  Parcel none;
+  EXPECT_EQ(Take(c.port, &none), -5);
+  gint64 waitedMs = (g_get_monotonic_time() - start) / 1000;
+  EXPECT_GE(waitedMs, 250);
+  EXPECT_LT(waitedMs, 5000);
+  ExpectEcho(c.port, "after the silence");
+  EXPECT_EQ(c.disconnected, 0);
 }
 
 TEST_F(RpcPort, AppKilledMidConnectionDisconnectsWithoutLeakingDescriptors) {
@@ -278,8 +274,7 @@ TEST_F(RpcPort, AppKilledMidConnectionDisconnectsWithoutLeakingDescriptors) {
   int before = OpenDescriptors();
   {
     Client c;
-    ASSERT_EQ(c.connect(), 0);
-    ASSERT_TRUE(c.waitConnected());
+    ASSERT_TRUE(c.open());
     pid_t app = 0;
     ASSERT_EQ(running_registry_get_pid(kEchoApp, &app), 0);
     int exited = int(syscall(SYS_pidfd_open, app, 0));
@@ -299,25 +294,10 @@ TEST_F(RpcPort, AppKilledMidConnectionDisconnectsWithoutLeakingDescriptors) {
     ASSERT_TRUE(RunLoopUntil([&] { return c.disconnected > 0; }, 5000));
     Parcel none;
     EXPECT_EQ(Take(c.port, &none), -5);
-    EXPECT_EQ(none, nullptr);
     RunLoopFor(100);
-    EXPECT_EQ(c.disconnected, 1);
-    EXPECT_EQ(c.rejected, 0);
+    EXPECT_EQ(c.disconnected + c.rejected, 1);
   }
   EXPECT_EQ(OpenDescriptors(), before);
-}
-
-TEST_F(RpcPort, TargetThatExitsBeforeListeningOrCannotBeLaunchedIsRejectedBeforeTheLimit) {
-  installEcho();
-  setenv("TEST_APP_MODE", "exit", 1);
-  env_.install({"test.noexec", "org.test.noexec", "", "", "", {}});
-  Client exits, noexec;
-  ASSERT_EQ(exits.connect(), 0);
-  ASSERT_EQ(noexec.connect("test.noexec"), 0);
-  ASSERT_TRUE(RunLoopUntil([&] { return exits.rejected > 0 && noexec.rejected > 0; }, 10000));
-  RunLoopFor(100);
-  EXPECT_EQ(exits.connected + noexec.connected, 0);
-  EXPECT_EQ(exits.rejected, 1);
 }
 
 TEST_F(RpcPort, ConnectRefusesUnknownAppsExcludedCallersAndUnusableRuntimeDirsAtOnce) {
@@ -326,7 +306,6 @@ TEST_F(RpcPort, ConnectRefusesUnknownAppsExcludedCallersAndUnusableRuntimeDirsAt
   Client c;
   EXPECT_EQ(c.connect("no.such.app"), -22);
   EXPECT_EQ(c.connect("../escape"), -22);
-  EXPECT_EQ(c.connect(""), -22);
   EXPECT_EQ(c.connect(kEchoApp), -13);
 
   installEcho();
@@ -347,173 +326,105 @@ TEST_F(RpcPort, ConnectRefusesUnknownAppsExcludedCallersAndUnusableRuntimeDirsAt
   EXPECT_FALSE(running) << "a refused connect launches nothing";
 }
 
-TEST_F(RpcPort, SilentAppFailsTheSynchronousReadAfterTheTimeout) {
-  installEcho();
-  Client c;
-  ASSERT_EQ(c.connect(), 0);
-  ASSERT_TRUE(c.waitConnected());
-
-  setenv("VELNA_RPC_TIMEOUT_MS", "300", 1);
-  ASSERT_EQ(SendCommand(c.port, kSilent), 0);
-  gint64 start = g_get_monotonic_time();
-  Parcel none;
-  EXPECT_EQ(Take(c.port, &none), -5);
-  gint64 waited_ms = (g_get_monotonic_time() - start) / 1000;
-  EXPECT_EQ(none, nullptr);
-  EXPECT_GE(waited_ms, 250);
-  EXPECT_LT(waited_ms, 5000);
-
-  ExpectEcho(c.port, "after the silence");
-  EXPECT_EQ(c.disconnected, 0);
-}
-
 TEST_F(RpcPort, DestroyInsideTheConnectedOrReceivedEventEndsAllLaterEvents) {
   installEcho();
   Client early, late;
-  early.onConnected = [&] {
-    rpc_port_proxy_destroy(early.proxy);
-    early.proxy = nullptr;
-  };
-  late.onReceived = [&] {
-    rpc_port_proxy_destroy(late.proxy);
-    late.proxy = nullptr;
-  };
+  early.onConnected = [&] { early.destroy(); };
+  late.onReceived = [&] { late.destroy(); };
+  ASSERT_TRUE(late.open());
   ASSERT_EQ(early.connect(), 0);
-  ASSERT_EQ(late.connect(), 0);
-  ASSERT_TRUE(late.waitConnected());
   ASSERT_TRUE(RunLoopUntil([&] { return early.connected > 0; }, 10000));
   for (const char *v : {"a", "b", "c"})
     ASSERT_EQ(SendCommand(late.port, kCallback, nullptr, BundleWith(v).get()), 0);
   ASSERT_TRUE(RunLoopUntil([&] { return late.received > 0; }, 5000));
-  RunLoopFor(200);
-  EXPECT_EQ(late.received, 1) << "the parcels behind the destroying one are dropped";
 
   EXPECT_EQ(app_manager_terminate_app(kEchoApp), 0);
   RunLoopFor(200);
   EXPECT_EQ(early.events(), 1);
-  EXPECT_EQ(late.events(), 2);
+  EXPECT_EQ(late.events(), 2) << "the parcels behind the destroying one are dropped";
 }
 
 TEST_F(RpcPort, HostileBytesToTheStubDropOnlyThatPeer) {
   installEcho();
   Client good;
-  ASSERT_EQ(good.connect(), 0);
-  ASSERT_TRUE(good.waitConnected());
-  std::string path = SocketPath(kEchoApp);
-
-  std::string flipped = Hello(RPC_PORT_PORT_MAIN, "abc");
-  std::reverse(flipped.begin(), flipped.begin() + 4);
-  std::reverse(flipped.begin() + 4, flipped.begin() + 8);
+  ASSERT_TRUE(good.open());
   for (const std::string &bytes :
-       {Frame("", VELNA_FRAME_MAGIC, 0xFFFFFFF0u), flipped, Hello(RPC_PORT_PORT_MAIN, "../.."),
-        Hello(7, "abc"), std::string(64, '\xA5')}) {
-    int fd = RawConnect(path);
-    ASSERT_GE(fd, 0);
+       {Frame("", VELNA_FRAME_MAGIC, 0xFFFFFFF0u), Hello(kMain, "../.."), Hello(7, "abc"),
+        std::string(64, '\xA5')}) {
+    int fd = RawConnect(kEchoApp);
     WriteAll(fd, bytes);
     EXPECT_EQ(Read(fd), "<eof>") << testing::PrintToString(bytes);
     close(fd);
   }
-  int cut = RawConnect(path);  // a truncated hello, then gone
-  WriteAll(cut, Hello(RPC_PORT_PORT_MAIN, "cut-short").substr(0, 11));
+  int cut = RawConnect(kEchoApp);  // a truncated hello, then gone
+  WriteAll(cut, Hello(kMain, "cut-short").substr(0, 11));
   close(cut);
 
   // A whole handshake, then a frame one past the cap.
-  int main_fd = RawConnect(path), cb_fd = RawConnect(path);
-  WriteAll(main_fd, Hello(RPC_PORT_PORT_MAIN, "raw-1"));
-  WriteAll(cb_fd, Hello(RPC_PORT_PORT_CALLBACK, "raw-1"));
-  EXPECT_EQ(Read(main_fd, 14), Ack(RPC_PORT_PORT_MAIN));
-  EXPECT_EQ(Read(cb_fd, 14), Ack(RPC_PORT_PORT_CALLBACK));
-  WriteAll(main_fd, Frame("", VELNA_FRAME_MAGIC, RPC_PORT_MAX_PARCEL_SIZE + 1));
-  EXPECT_EQ(Read(main_fd), "<eof>");
-  EXPECT_EQ(Read(cb_fd), "<eof>");
-  close(main_fd);
-  close(cb_fd);
+  int mainFd = RawConnect(kEchoApp), cbFd = RawConnect(kEchoApp);
+  WriteAll(mainFd, Hello(kMain, "raw-1"));
+  WriteAll(cbFd, Hello(kCb, "raw-1"));
+  EXPECT_EQ(Read(mainFd, 14), Ack(kMain));
+  EXPECT_EQ(Read(cbFd, 14), Ack(kCb));
+  WriteAll(mainFd, Frame("", VELNA_FRAME_MAGIC, RPC_PORT_MAX_PARCEL_SIZE + 1));
+  EXPECT_EQ(Read(mainFd), "<eof>");
+  EXPECT_EQ(Read(cbFd), "<eof>");
+  close(mainFd);
+  close(cbFd);
 
   ExpectEcho(good.port, "unbothered");
   EXPECT_EQ(good.disconnected, 0);
 }
 
 // This process plays the app "test.fake": it listens at the port's socket and answers
-// the proxy's handshake and requests with hostile bytes. Each connection it spoils ends
-// alone; a bystander connection to the echo app stays unharmed.
+// the proxy with hostile bytes. Each connection it spoils ends alone; a bystander
+// connection to the echo app stays unharmed.
 TEST_F(RpcPort, HostileAppRejectsOrDisconnectsOnlyThatConnection) {
   installEcho();
   env_.install({"test.fake", "org.test.fake", "", "", "", {}});
-  Client bystander;
-  ASSERT_EQ(bystander.connect(), 0);
-  ASSERT_TRUE(bystander.waitConnected());
-  std::string path = SocketPath("test.fake");
-  int listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-  ASSERT_EQ(bind(listen_fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-  ASSERT_EQ(listen(listen_fd, 8), 0);
-
-  const int kMain = RPC_PORT_PORT_MAIN, kCb = RPC_PORT_PORT_CALLBACK;
-  // Connects c, accepts both channels and reads their hellos into fd[kMain] and fd[kCb].
-  auto connectFake = [&](Client *c, int fd[2]) {
-    ASSERT_EQ(c->connect("test.fake"), 0);
-    int n = 0, fds[2] = {-1, -1};
-    ASSERT_TRUE(RunLoopUntil(
-        [&] {
-          int one = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-          if (one >= 0) fds[n++] = one;
-          return n == 2;
-        },
-        5000));
-    for (int one : fds) {
-      std::string header = Read(one, 8);
-      std::string payload = Read(one, uint8_t(header[4]));
-      fd[uint8_t(payload[4]) == kMain ? kMain : kCb] = one;
+  Client bystander, rejected, spoiled;
+  ASSERT_TRUE(bystander.open());
+  int listenFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  sockaddr_un addr = SocketAddress("test.fake");
+  ASSERT_EQ(bind(listenFd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+  ASSERT_EQ(listen(listenFd, 8), 0);
+  // Connects c and accepts both channels, filed by the kind that their hellos name.
+  auto connectFake = [&](Client &c, int fd[2]) {
+    ASSERT_EQ(c.connect("test.fake"), 0);
+    for (int n = 0, one = -1; n < 2; n++) {
+      ASSERT_TRUE(RunLoopUntil([&] { return (one = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; }, 5000));
+      std::string hello = Read(one, 8);
+      hello = Read(one, uint8_t(hello[4]));
+      fd[uint8_t(hello[4]) == kMain ? kMain : kCb] = one;
     }
   };
 
-  std::string flipped = Ack(kMain);
-  std::reverse(flipped.begin(), flipped.begin() + 4);
-  std::reverse(flipped.begin() + 4, flipped.begin() + 8);
-  for (std::string spoil : {"garbage ack", "flipped ack", "absurd length", "truncated frame"}) {
-    SCOPED_TRACE(spoil);
-    Client c;
-    int fd[2];
-    connectFake(&c, fd);
-    WriteAll(fd[kCb], Ack(kCb));
-    if (spoil == "garbage ack" || spoil == "flipped ack") {
-      WriteAll(fd[kMain], spoil == "garbage ack" ? Frame("hello?") : flipped);
-      ASSERT_TRUE(RunLoopUntil([&] { return c.rejected > 0; }, 5000));
-      EXPECT_EQ(c.connected, 0);
-    } else {
-      RunLoopFor(50);
-      EXPECT_EQ(c.connected, 0) << "connected only once both channels are acknowledged";
-      WriteAll(fd[kMain], Ack(kMain));
-      ASSERT_TRUE(c.waitConnected());
+  int rfd[2] = {-1, -1}, sfd[2] = {-1, -1};
+  connectFake(rejected, rfd);
+  WriteAll(rfd[kCb], Ack(kCb));
+  WriteAll(rfd[kMain], Frame("hello?"));
+  ASSERT_TRUE(RunLoopUntil([&] { return rejected.rejected > 0; }, 5000));
 
-      // A string whose length runs past the end of its parcel reads as nothing.
-      WriteAll(fd[kMain], Frame(std::string("\x03\xF0\xFF\xFF\x7F" "abc", 8)));
-      Parcel p;
-      ASSERT_EQ(Take(c.port, &p), 0);
-      char *s = reinterpret_cast<char *>(1);
-      EXPECT_EQ(rpc_port_parcel_read_string(p.get(), &s), -5);
-      EXPECT_EQ(s, nullptr);
+  connectFake(spoiled, sfd);
+  WriteAll(sfd[kCb], Ack(kCb));
+  RunLoopFor(50);
+  EXPECT_EQ(spoiled.connected, 0) << "connected only once both channels are acknowledged";
+  WriteAll(sfd[kMain], Ack(kMain));
+  ASSERT_TRUE(spoiled.waitConnected());
+  // A frame cut short, then the peer stops sending: the read fails and the connection ends.
+  WriteAll(sfd[kMain], Frame("0123456789").substr(0, 12));
+  shutdown(sfd[kMain], SHUT_WR);
+  Parcel none;
+  EXPECT_EQ(Take(spoiled.port, &none), -5);
+  ASSERT_TRUE(RunLoopUntil([&] { return spoiled.disconnected > 0; }, 5000));
+  EXPECT_EQ(rejected.events() + spoiled.events(), 3);
 
-      if (spoil == "absurd length") {
-        WriteAll(fd[kCb], Frame("", VELNA_FRAME_MAGIC, 0xFFFFFFFEu));
-      } else {
-        WriteAll(fd[kMain], Frame("0123456789").substr(0, 12));
-        shutdown(fd[kMain], SHUT_WR);
-        EXPECT_EQ(Take(c.port, &p), -5);
-      }
-      ASSERT_TRUE(RunLoopUntil([&] { return c.disconnected > 0; }, 5000));
-      EXPECT_EQ(c.received, 0);
-    }
-    for (int one : fd) close(one);
-  }
-  close(listen_fd);
+  for (int fd : {rfd[0], rfd[1], sfd[0], sfd[1], listenFd}) close(fd);
   ExpectEcho(bystander.port, "bystander");
   EXPECT_EQ(bystander.disconnected, 0);
 }
 
-TEST(Parcel, FieldsReadBackInOrderAndReadsPastTheEndYieldNothing) {
+TEST(Parcel, FieldsReadBackInOrderReadsPastTheEndYieldNothingAndGrowthStopsAtTheCap) {
   Parcel p = NewParcel();
   ASSERT_EQ(rpc_port_parcel_write_int32(p.get(), INT32_MIN), 0);
   ASSERT_EQ(rpc_port_parcel_write_bool(p.get(), true), 0);
@@ -541,32 +452,35 @@ TEST(Parcel, FieldsReadBackInOrderAndReadsPastTheEndYieldNothing) {
   EXPECT_EQ(s, nullptr);
   EXPECT_EQ(rpc_port_parcel_read_bool(p.get(), &flag), -5);
   EXPECT_FALSE(flag);
-}
 
-TEST(Parcel, GrowsNoFurtherThanTheCap) {
-  Parcel p = NewParcel();
+  Parcel full = NewParcel();
   std::string big(RPC_PORT_MAX_PARCEL_SIZE - 16, 'x');
-  ASSERT_EQ(rpc_port_parcel_write_string(p.get(), big.c_str()), 0);
-  EXPECT_EQ(rpc_port_parcel_write_string(p.get(), "0123456789abcdef"), -90);
-  EXPECT_EQ(rpc_port_parcel_write_int32(p.get(), 1), 0) << "what still fits is written";
-  EXPECT_EQ(ReadStr(p.get()), big);
+  ASSERT_EQ(rpc_port_parcel_write_string(full.get(), big.c_str()), 0);
+  EXPECT_EQ(rpc_port_parcel_write_string(full.get(), "0123456789abcdef"), -90);
+  EXPECT_EQ(rpc_port_parcel_write_int32(full.get(), 1), 0) << "what still fits is written";
+  EXPECT_EQ(ReadStr(full.get()), big);
 }
 
-// The one wait of 30 s: a target that runs but never opens the port.
-TEST_F(RpcPort, TargetThatRunsButNeverListensIsRejectedAfterThirtySeconds) {
+// The one wait of 30 s: a target that runs but never opens the port. One that exits
+// before it listens, or cannot be launched, is rejected long before.
+TEST_F(RpcPort, TargetIsRejectedSoonWhenItExitsOrCannotStartAndAfterThirtySecondsWhenItNeverListens) {
   installEcho();
   setenv("TEST_APP_MODE", "idle", 1);
-  Client c;
-  ASSERT_EQ(c.connect(), 0);
+  env_.install({"test.exits", "org.test.exits", "", std::string(TEST_APP) + " exit", "", {}});
+  env_.install({"test.noexec", "org.test.noexec", "", "", "", {}});
+  Client idle, exits, noexec;
+  ASSERT_EQ(idle.connect(), 0);
   gint64 start = g_get_monotonic_time();
+  ASSERT_EQ(exits.connect("test.exits"), 0);
+  ASSERT_EQ(noexec.connect("test.noexec"), 0);
+  ASSERT_TRUE(RunLoopUntil([&] { return exits.rejected > 0 && noexec.rejected > 0; }, 10000));
 
-  ASSERT_FALSE(RunLoopUntil([&] { return c.events() > 0; }, 28000)) << "rejected early";
-  ASSERT_TRUE(RunLoopUntil([&] { return c.rejected > 0; }, 10000));
-  gint64 waited_s = (g_get_monotonic_time() - start) / G_USEC_PER_SEC;
-  EXPECT_GE(waited_s, 29);
-  EXPECT_LT(waited_s, 38);
-  EXPECT_EQ(c.connected, 0);
-
+  ASSERT_FALSE(RunLoopUntil([&] { return idle.events() > 0; }, 27000)) << "rejected early";
+  ASSERT_TRUE(RunLoopUntil([&] { return idle.rejected > 0; }, 10000));
+  gint64 waitedS = (g_get_monotonic_time() - start) / G_USEC_PER_SEC;
+  EXPECT_GE(waitedS, 29);
+  EXPECT_LT(waitedS, 38);
+  EXPECT_EQ(idle.events() + exits.events() + noexec.events(), 3);
   bool running = false;
   app_manager_is_running(kEchoApp, &running);
   EXPECT_TRUE(running) << "the app itself stays; only the connection is given up";

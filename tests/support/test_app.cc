@@ -5,11 +5,11 @@
 //          string, bundle -> main: RESULT (0), string, bundle; CALLBACK (2), bundle ->
 //          callback: INVOKE (1), bundle; SILENT (3); CRASH (4) SIGKILLs itself; WHO (6)
 //          -> main: RESULT, sender, instance; anything else -> main: -1
-//   lax, callback-first, exit-on-register, silent-on-register
+//   lax, callback-first, exit-on-register
 //          serve interface "message" by hand, keeping every delegate ever registered.
 //          SetCB and UnsetCB answer MESSAGE_TEST_APP_REGISTER_RESULT (0); at SetCB,
 //          "callback-first" first sends a Callback on the main channel, "exit-on-register"
-//          exits, "silent-on-register" never answers. A Send bundle's "do" lists steps:
+//          exits. A Send bundle's "do" lists steps:
 //          "answer" (invoke every delegate "count" times with "result" = "sample_result"
 //          and "commands", the codes this connection received), "unknown-seq",
 //          "unreadable-string", "wrong-command" (7 on the callback channel),
@@ -89,12 +89,13 @@ void OnMessage(int, const char *sender, const char *, bool, bundle *message, voi
   if (r < 0) fprintf(stderr, "test-app: answer to %s failed: %d\n", sender, r);
 }
 
-// rpc-port: writes ints, then the optional fields, and sends.
-void Write(rpc_port_h port, const std::vector<int> &ints, const std::vector<std::string> &texts,
-           bundle *b) {
+// rpc-port: writes ints, then a bool, strings and a bundle when given, and sends.
+void Write(rpc_port_h port, const std::vector<int> &ints, const std::vector<std::string> &texts = {},
+           bundle *b = nullptr, const bool *flag = nullptr) {
   rpc_port_parcel_h parcel = nullptr;
   if (rpc_port_parcel_create(&parcel) != 0) return;
   for (int value : ints) rpc_port_parcel_write_int32(parcel, value);
+  if (flag) rpc_port_parcel_write_bool(parcel, *flag);
   for (const std::string &text : texts) rpc_port_parcel_write_string(parcel, text.c_str());
   if (b) rpc_port_parcel_write_bundle(parcel, b);
   rpc_port_parcel_send(parcel, port);
@@ -122,9 +123,9 @@ int OnEcho(const char *sender, const char *instance, rpc_port_h port, void *) {
   } else if (cmd == 4) {
     raise(SIGKILL);
   } else if (cmd == 6) {
-    Write(port, {0}, {sender, instance}, nullptr);
+    Write(port, {0}, {sender, instance});
   } else if (cmd != 3) {
-    Write(port, {-1}, {}, nullptr);
+    Write(port, {-1});
   }
   free(text);
   if (b) bundle_free(b);
@@ -144,15 +145,9 @@ struct Connection {
 std::map<std::string, Connection> connections;
 const int kRegisterResult = atoi(Env("MESSAGE_TEST_APP_REGISTER_RESULT", "0").c_str());
 
+// A Callback parcel naming d, with the app's id unless the id is to be unreadable.
 void Invoke(rpc_port_h port, const Delegate &d, bool withId, bundle *b) {
-  rpc_port_parcel_h parcel = nullptr;
-  if (rpc_port_parcel_create(&parcel) != 0) return;
-  for (int value : {1, d.id, d.seq}) rpc_port_parcel_write_int32(parcel, value);
-  rpc_port_parcel_write_bool(parcel, d.once);
-  if (withId) rpc_port_parcel_write_string(parcel, kSelf.c_str());
-  if (b) rpc_port_parcel_write_bundle(parcel, b);
-  rpc_port_parcel_send(parcel, port);
-  rpc_port_parcel_destroy(parcel);
+  Write(port, {1, d.id, d.seq}, withId ? std::vector<std::string>{kSelf} : std::vector<std::string>{}, b, &d.once);
 }
 
 void LaxSend(const std::string &instance, rpc_port_h mainPort, bundle *msg) {
@@ -161,8 +156,8 @@ void LaxSend(const std::string &instance, rpc_port_h mainPort, bundle *msg) {
   rpc_port_stub_get_port(stub, RPC_PORT_PORT_CALLBACK, instance.c_str(), &callback);
   std::stringstream steps(Get(msg, "do"));
   for (std::string step; std::getline(steps, step, ',');) {
-    if (step == "stray-result") Write(mainPort, {0, 55}, {}, nullptr);
-    if (step == "wrong-command") Write(callback, {7}, {}, nullptr);
+    if (step == "stray-result") Write(mainPort, {0, 55});
+    if (step == "wrong-command") Write(callback, {7});
     bundle *answer = bundle_create();
     if (step == "unknown-seq") Invoke(callback, {1, 1000000, false}, true, answer);
     bundle_add_str(answer, "result", Get(msg, "sample_result").c_str());
@@ -194,14 +189,13 @@ int OnLax(const char *, const char *instance, rpc_port_h port, void *) {
     bundle_add_str(stray, "result", "stray");
     if (mode == "callback-first") Invoke(port, d, true, stray);
     bundle_free(stray);
-    if (mode != "silent-on-register") Write(port, {0, kRegisterResult}, {}, nullptr);
-  } else if (command == 3) {
-    Write(port, {0, kRegisterResult}, {}, nullptr);
+  }
+  if (command == 2 || command == 3) {
+    Write(port, {0, kRegisterResult});
   } else if (command == 4) {
     bundle *msg = nullptr;
     rpc_port_parcel_read_bundle(parcel, &msg);
-    if (msg) LaxSend(instance, port, msg);
-    if (msg) bundle_free(msg);
+    if (msg) LaxSend(instance, port, msg), bundle_free(msg);
   }
   rpc_port_parcel_destroy(parcel);
   return 0;
@@ -230,8 +224,7 @@ int main(int argc, char **argv) {
   if (!to.empty()) SendNumbered(to.substr(0, to.find(':')), to.substr(to.find(':') + 1), 1, 16);
 
   bool echo = mode == "echo";
-  if (echo || mode == "lax" || mode == "callback-first" || mode == "exit-on-register" ||
-      mode == "silent-on-register") {
+  if (echo || mode == "lax" || mode == "callback-first" || mode == "exit-on-register") {
     if (rpc_port_stub_create(&stub, echo ? "echo" : "message") != 0) return 1;
     rpc_port_stub_add_received_event_cb(stub, echo ? OnEcho : OnLax, nullptr);
     if (rpc_port_stub_listen(stub) != 0) return 1;
