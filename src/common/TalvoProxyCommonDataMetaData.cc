@@ -9,17 +9,13 @@
 
 #include "common/Log.h"
 #include "common/MetaDataKeys.h"
+#include "common/PlatformPtr.h"
 #include "common/TalvoProxyCommonData.h"
 
 namespace {
 
 // An SDK version holding this text anywhere is served over the message port.
 constexpr const char kMessagePortSdkMarker[] = "1.0-alpha";
-
-struct AppInfoDestroy {
-  void operator()(app_info_s *handle) const { app_info_destroy(handle); }
-};
-using AppInfoHandle = std::unique_ptr<app_info_s, AppInfoDestroy>;
 
 // Replaces *slot with a copy of value.
 void storeCopy(char **slot, const char *value) {
@@ -85,7 +81,7 @@ MetaDataInfo *TalvoProxyCommonData::ExtractMetaData(const std::string &appId, bu
       LOGE("app_info_create failed ERROR[%d]", ret);
       return nullptr;
     }
-    AppInfoHandle handle(rawHandle);
+    talvo::AppInfoPtr handle(rawHandle);
 
     ret = app_info_foreach_metadata(handle.get(), _talvo_metadata_cb, value);
     if (ret != 0) {

@@ -11,6 +11,7 @@
 
 #include "common/Log.h"
 #include "common/MetaDataKeys.h"
+#include "common/PlatformPtr.h"
 #include "talvo_proxy.h"
 
 namespace {
@@ -65,10 +66,6 @@ bool _talvo_metadata_cb(const char *metadata_key, const char *metadata_value,
   return false;
 }
 
-struct AppInfoDestroy {
-  void operator()(app_info_s *handle) const { app_info_destroy(handle); }
-};
-
 }  // namespace
 
 bool talvo_proxy_is_action_registered(const char *app_id, const char *action_id) {
@@ -90,7 +87,7 @@ bool talvo_proxy_is_action_registered(const char *app_id, const char *action_id)
       LOGE("app_info_create failed ERROR[%d]", ret);
       return false;
     }
-    std::unique_ptr<app_info_s, AppInfoDestroy> handle(rawHandle);
+    talvo::AppInfoPtr handle(rawHandle);
 
     ret = app_info_foreach_metadata(handle.get(), _talvo_metadata_cb,
                                     const_cast<char *>(action_id));

@@ -25,26 +25,6 @@ void ReleaseClientInfo(ClientInfo *client) {
   delete client;
 }
 
-void ReleaseLaunchInfo(AppLaunchInfo *record) {
-  if (!record)
-    return;
-  if (record->timer)
-    ecore_timer_del(record->timer);
-  if (record->data)
-    bundle_free(record->data);
-  delete record;
-}
-
-void ReleaseFocusedInfo(AppFocusedInfo *record) {
-  if (!record)
-    return;
-  if (record->timer)
-    ecore_timer_del(record->timer);
-  if (record->data)
-    bundle_free(record->data);
-  delete record;
-}
-
 }  // namespace talvo::ipc
 
 using namespace talvo::ipc;
@@ -98,7 +78,7 @@ int TalvoProxyIpc::deinitialize() {
   localPortId = 0;
 
   for (auto &entry : appLaunchInfoMap)
-    ReleaseLaunchInfo(entry.second);
+    ReleaseWaitRecord(entry.second);
   appLaunchInfoMap.clear();
 
   for (auto &entry : clientsMap) {

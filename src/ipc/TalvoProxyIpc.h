@@ -32,21 +32,20 @@ struct ClientInfo {
   bool connected = false;                               // set by OnConnected
 };
 
-// A request waiting for its app to be launched or connected. Owned by appLaunchInfoMap.
-struct AppLaunchInfo {
+// A request waiting for its app, polled by a timer. Released (timer, data, record) as a
+// whole by its own wait: see ReleaseWaitRecord.
+struct AppWaitInfo {
   int32_t count = 0;
   std::string appId;
   bundle *data = nullptr;        // owned copy of the request
   Ecore_Timer *timer = nullptr;  // owned; its data pointer is this record
 };
 
+// A request waiting for its app to be launched or connected. Owned by appLaunchInfoMap.
+struct AppLaunchInfo : AppWaitInfo {};
+
 // A request waiting for its alias app to get the focus. Owned by appFocusedInfoMap.
-struct AppFocusedInfo {
-  int32_t count = 0;
-  std::string appId;
-  bundle *data = nullptr;        // owned copy of the request
-  Ecore_Timer *timer = nullptr;  // owned; its data pointer is this record
-};
+struct AppFocusedInfo : AppWaitInfo {};
 
 // Posted with g_idle_add when a connection is lost or refused; freed by _clientRemoveCb.
 struct ClientRemoveData {

@@ -5,6 +5,7 @@
 #include <app_manager.h>
 
 #include <new>
+#include <utility>
 
 #include "common/Log.h"
 #include "ipc/Observer.h"
@@ -14,6 +15,20 @@
 
 using namespace talvo::ipc;
 namespace proxy = rpc_port::message::proxy;
+
+namespace {
+
+// A new T, or null when the allocation fails or T's constructor raises.
+template <typename T, typename... Args>
+T *NewOrNull(Args &&...args) noexcept {
+  try {
+    return new (std::nothrow) T(std::forward<Args>(args)...);
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+}  // namespace
 
 int TalvoProxyIpc::_connectApp(const std::string &appId) {
   LOGD("AppID : %s", appId.c_str());
@@ -47,13 +62,9 @@ int TalvoProxyIpc::_connectApp(const std::string &appId) {
     return kErrNoMemory;
   }
 
-  // The observer copies the app id: a copy that cannot be made is a failed allocation too.
-  talvo::Observer *observer = nullptr;
-  try {
-    observer = new (std::nothrow) talvo::Observer(appId);
-  } catch (...) {
-    observer = nullptr;
-  }
+  // The observer copies the app id; the proxy raises when the platform cannot make its
+  // handle. Either counts as a failed allocation.
+  auto *observer = NewOrNull<talvo::Observer>(appId);
   if (!observer) {
     LOGE("Failed to create new Observer");
     delete client;
@@ -61,19 +72,10 @@ int TalvoProxyIpc::_connectApp(const std::string &appId) {
   }
   client->observer = observer;
 
-  // A constructor that raises (the platform could not make the proxy handle) is a failed
-  // allocation like any other.
-  proxy::message *messageProxy = nullptr;
-  try {
-    messageProxy = new (std::nothrow) proxy::message(observer, appId);
-  } catch (...) {
-    messageProxy = nullptr;
-  }
+  auto *messageProxy = NewOrNull<proxy::message>(observer, appId);
   if (!messageProxy) {
     LOGE("Failed to create new message");
-    delete client->observer;
-    client->observer = nullptr;
-    delete client;
+    ReleaseClientInfo(client);
     return kErrNoMemory;
   }
   client->proxy = messageProxy;

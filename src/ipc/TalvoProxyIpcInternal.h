@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "common/PlatformPtr.h"
 #include "ipc/TalvoProxyIpc.h"
 
 namespace talvo::ipc {
@@ -51,16 +52,25 @@ constexpr int kErrPortRegister = static_cast<int>(0xC0000002u);
 constexpr int kErrRefused = static_cast<int>(0xBFFFFFFFu);
 constexpr int kErrSendRefused = static_cast<int>(0xBFFFFFFEu);
 
-struct BundleFree {
-  void operator()(bundle *b) const { bundle_free(b); }
-};
-using BundlePtr = std::unique_ptr<bundle, BundleFree>;
+using talvo::BundlePtr;
 
 // Releases a client record in the fixed order: observer (field cleared), proxy, record.
 void ReleaseClientInfo(ClientInfo *client);
 
 // Deletes the record's timer (if any), frees its data (if any) and deletes the record.
-void ReleaseLaunchInfo(AppLaunchInfo *record);
-void ReleaseFocusedInfo(AppFocusedInfo *record);
+// Record is AppLaunchInfo or AppFocusedInfo: each is deleted as its own type.
+template <typename Record>
+void ReleaseWaitRecord(Record *record) {
+  if (!record)
+    return;
+  if (record->timer)
+    ecore_timer_del(record->timer);
+  if (record->data)
+    bundle_free(record->data);
+  delete record;
+}
+
+template <typename Record>
+using WaitRecordPtr = std::unique_ptr<Record, talvo::ReleaseWith<ReleaseWaitRecord<Record>>>;
 
 }  // namespace talvo::ipc

@@ -8,7 +8,6 @@
 // callback returns ECORE_CALLBACK_CANCEL, so on every other path (an exception included)
 // the record no longer names it. Every path that ends the timer takes the record out of
 // the map and releases it.
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -28,6 +27,24 @@ void TakeOut(std::map<std::string, Record *> &map, Record *record) {
     map.erase(it);
 }
 
+// Ends a wait: takes record out of its map (when it is still the entry) and releases it.
+template <typename Record>
+void EndWait(std::map<std::string, Record *> &map, Record *record) {
+  TakeOut(map, record);
+  ReleaseWaitRecord(record);
+}
+
+// Gives a new record its app id and its own copy of request; false when the copy bundle
+// cannot be created.
+bool FillWaitRecord(AppWaitInfo *record, const std::string &appId, bundle *request) {
+  record->appId = appId;
+  record->data = bundle_create();
+  if (!record->data)
+    return false;
+  bundle_foreach(request, TalvoProxyIpc::_bundleDataCb, record->data);
+  return true;
+}
+
 }  // namespace
 
 int TalvoProxyIpc::_updateAppLaunchInfo(const std::string &appId, bundle *request) {
@@ -38,15 +55,11 @@ int TalvoProxyIpc::_updateAppLaunchInfo(const std::string &appId, bundle *reques
     LOGE("appLaunchInfo is null");
     return kErrNoMemory;
   }
-  record->appId = appId;
-
-  record->data = bundle_create();
-  if (!record->data) {
+  if (!FillWaitRecord(record, appId, request)) {
     LOGE("bundle_create is failed");
-    ReleaseLaunchInfo(record);
+    ReleaseWaitRecord(record);
     return kErrNoMemory;
   }
-  bundle_foreach(request, _bundleDataCb, record->data);
 
   // A record that waits already keeps its count and its running timer; only the request
   // is replaced by the newer one.
@@ -57,7 +70,7 @@ int TalvoProxyIpc::_updateAppLaunchInfo(const std::string &appId, bundle *reques
       bundle_free(existing->data);
     existing->data = record->data;
     record->data = nullptr;
-    ReleaseLaunchInfo(record);
+    ReleaseWaitRecord(record);
     record = existing;
   } else {
     appLaunchInfoMap[appId] = record;
@@ -98,8 +111,7 @@ int TalvoProxyIpc::_monitorAppLaunch(const std::string &appId, bundle *request) 
     // Released at once rather than left without a timer: the caller is told -12, so the
     // request must not be sent later, and nothing would end a message-port wait.
     LOGE("Monitoring timer is null");
-    appLaunchInfoMap.erase(it);
-    ReleaseLaunchInfo(record);
+    EndWait(appLaunchInfoMap, record);
     return kErrNoMemory;
   }
   return 0;
@@ -128,8 +140,7 @@ Eina_Bool TalvoProxyIpc::_appLaunchMonitoringCb(void *data) {
       ClientInfo *client = ipc->GetClientInfo(appId);
       if (!client) {
         LOGE("ClientsInfo is null");
-        TakeOut(ipc->appLaunchInfoMap, record);
-        ReleaseLaunchInfo(record);
+        EndWait(ipc->appLaunchInfoMap, record);
         return ECORE_CALLBACK_CANCEL;
       }
       LOGD("%s : %d %p", appId.c_str(), record->count, static_cast<void *>(client));
@@ -143,8 +154,7 @@ Eina_Bool TalvoProxyIpc::_appLaunchMonitoringCb(void *data) {
       // Out of the map before sending, so that nothing the send triggers finds it; released
       // on leaving this scope, also when the send throws.
       TakeOut(ipc->appLaunchInfoMap, record);
-      std::unique_ptr<AppLaunchInfo, void (*)(AppLaunchInfo *)> owned(record,
-                                                                      ReleaseLaunchInfo);
+      WaitRecordPtr<AppLaunchInfo> owned(record);
       ipc->_sendDataToApp(appId, record->data);
       return ECORE_CALLBACK_CANCEL;
     }
@@ -162,8 +172,7 @@ Eina_Bool TalvoProxyIpc::_appLaunchMonitoringCb(void *data) {
     BundlePtr answer(bundle_create());
     if (!answer) {
       LOGE("bundle_create is failed");
-      TakeOut(ipc->appLaunchInfoMap, record);
-      ReleaseLaunchInfo(record);
+      EndWait(ipc->appLaunchInfoMap, record);
       ipc->ClientRemove(appId);
       return ECORE_CALLBACK_CANCEL;
     }
@@ -173,7 +182,7 @@ Eina_Bool TalvoProxyIpc::_appLaunchMonitoringCb(void *data) {
     // for the same app.
     TakeOut(ipc->appLaunchInfoMap, record);
     ipc->ClientRemove(appId);
-    ReleaseLaunchInfo(record);
+    ReleaseWaitRecord(record);
 
     if (ipc->resultCallback)
       ipc->resultCallback(appId, answer.get(), ipc->resultCallbackUserData);
@@ -193,31 +202,23 @@ int TalvoProxyIpc::_monitorAppFocused(const std::string &appId, bundle *request)
     LOGE("appFocusedInfo is null");
     return kErrNoMemory;
   }
-  record->appId = appId;
-
-  record->data = bundle_create();
-  if (!record->data) {
+  if (!FillWaitRecord(record, appId, request)) {
     LOGE("bundle_create is failed");
-    ReleaseFocusedInfo(record);
+    ReleaseWaitRecord(record);
     return kErrNoMemory;
   }
-  bundle_foreach(request, _bundleDataCb, record->data);
 
   // A newer request ends the wait of the older one; the new wait starts from count 0.
-  auto it = appFocusedInfoMap.find(appId);
-  if (it != appFocusedInfoMap.end()) {
-    ReleaseFocusedInfo(it->second);
-    appFocusedInfoMap.erase(it);
-  }
-  appFocusedInfoMap[appId] = record;
+  AppFocusedInfo *&slot = appFocusedInfoMap[appId];
+  ReleaseWaitRecord(slot);
+  slot = record;
   LOGD("appFocusedInfo %p appId: %s", static_cast<void *>(record), appId.c_str());
 
   record->timer = ecore_timer_add(kFocusInterval, _appFocusedMonitoringCb, record);
   if (!record->timer) {
     // Released at once, as for the launch wait: the caller is told -12.
     LOGE("Monitoring timer is null");
-    appFocusedInfoMap.erase(appId);
-    ReleaseFocusedInfo(record);
+    EndWait(appFocusedInfoMap, record);
     return kErrNoMemory;
   }
   return 0;
@@ -243,8 +244,7 @@ Eina_Bool TalvoProxyIpc::_appFocusedMonitoringCb(void *data) {
 
     // Every path below that ends the timer releases the record.
     auto finish = [ipc, record]() {
-      TakeOut(ipc->appFocusedInfoMap, record);
-      ReleaseFocusedInfo(record);
+      EndWait(ipc->appFocusedInfoMap, record);
       return ECORE_CALLBACK_CANCEL;
     };
 
@@ -258,7 +258,7 @@ Eina_Bool TalvoProxyIpc::_appFocusedMonitoringCb(void *data) {
       LOGE("FocusedAppId is null");
       return finish();
     }
-    std::unique_ptr<char, decltype(&free)> focused(focusedAppId, &free);
+    talvo::MallocTextPtr focused(focusedAppId);
 
     // The app counts as focused when its id begins with the focused id.
     if (strncmp(appId.c_str(), focused.get(), strlen(focused.get())) != 0) {
@@ -287,8 +287,7 @@ Eina_Bool TalvoProxyIpc::_appFocusedMonitoringCb(void *data) {
     // The record leaves the map before anything is sent or connected, so that a request
     // for the same app started meanwhile finds no stale focus wait.
     TakeOut(ipc->appFocusedInfoMap, record);
-    std::unique_ptr<AppFocusedInfo, void (*)(AppFocusedInfo *)> owned(record,
-                                                                      ReleaseFocusedInfo);
+    WaitRecordPtr<AppFocusedInfo> owned(record);
 
     if (reachable) {
       LOGD("%s is focused successfully.. Send data to app", appId.c_str());

@@ -4,7 +4,6 @@
 #include <message_port.h>
 #include <package_manager.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "common/Log.h"
@@ -68,7 +67,7 @@ bool TalvoProxyIpc::_isExistedAliasApp(const std::string &appId) {
     LOGE("Fail to get package id by the app:%s", appId.c_str());
     return false;
   }
-  std::unique_ptr<char, decltype(&free)> origin(originPackageId, &free);
+  talvo::MallocTextPtr origin(originPackageId);
 
   app_info_h handle = nullptr;
   if (app_info_create(appId.c_str(), &handle) != 0) {
@@ -83,7 +82,7 @@ bool TalvoProxyIpc::_isExistedAliasApp(const std::string &appId) {
     LOGE("Fail to get package id for the app:%s", appId.c_str());
     return false;
   }
-  std::unique_ptr<char, decltype(&free)> alias(aliasPackageId, &free);
+  talvo::MallocTextPtr alias(aliasPackageId);
 
   LOGD("appId(%s), aliasPackageId(%s), originPackageId(%s)", appId.c_str(),
        talvo::NullSafe(alias.get()), talvo::NullSafe(origin.get()));

@@ -4,8 +4,10 @@
 
 #include <atomic>
 #include <cstdio>
+#include <optional>
 #include <utility>
 
+#include "common/PlatformPtr.h"
 #include "message/ProxyLog.h"
 
 namespace rpc_port::message::proxy {
@@ -18,20 +20,14 @@ std::atomic<int> sequenceCounter{0};
 
 constexpr const char *kPortName = "message";
 
-struct ParcelDeleter {
-  void operator()(rpc_port_parcel_s *parcel) const { rpc_port_parcel_destroy(parcel); }
-};
-using ParcelPtr = std::unique_ptr<rpc_port_parcel_s, ParcelDeleter>;
+using talvo::BundlePtr;
+using talvo::ParcelPtr;
 
-struct BundleDeleter {
-  void operator()(bundle *b) const { bundle_free(b); }
-};
-using BundlePtr = std::unique_ptr<bundle, BundleDeleter>;
-
-// A new empty parcel, or null when the platform cannot make one.
-ParcelPtr NewParcel() {
+// A new parcel holding the command of a request, or null when the platform cannot make one.
+ParcelPtr NewRequest(message::MethodId command) {
   rpc_port_parcel_h parcel = nullptr;
   if (rpc_port_parcel_create(&parcel) != 0) return nullptr;
+  rpc_port_parcel_write_int32(parcel, static_cast<int>(command));
   return ParcelPtr(parcel);
 }
 
@@ -132,33 +128,20 @@ int message::SetCB(std::unique_ptr<ResponseCB> &callback) {
     throw InvalidProtocolException();
   }
 
-  ParcelPtr request = NewParcel();
+  ParcelPtr request = NewRequest(MethodId::SetCB);
   if (!request) {
     PROXY_LOGE("Failed to create parcel");
     throw InvalidProtocolException();
   }
-  rpc_port_parcel_write_int32(request.get(), static_cast<int>(MethodId::SetCB));
   CallbackBase::Serialize(request.get(), *callback);
 
-  ParcelPtr result;
-  {
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
-
-    // Registered before the app answers, and kept whatever it answers.
-    delegateList_.push_back(std::move(callback));
-
-    rpc_port_parcel_send(request.get(), port_);
-    result.reset(ConsumeCommand(port_));
-  }
-
-  if (!result) {
+  // Registered before the app answers, and kept whatever it answers.
+  std::optional<int> ret = Call(request.get(), &callback);
+  if (!ret) {
     PROXY_LOGE("Invalid protocol");
     throw InvalidProtocolException();
   }
-
-  int ret = 0;
-  rpc_port_parcel_read_int32(result.get(), &ret);
-  return ret;
+  return *ret;
 }
 
 // Leaves the local delegate list as it is: invocations that still arrive are dispatched.
@@ -168,24 +151,30 @@ int message::UnsetCB() {
     throw NotConnectedSocketException();
   }
 
-  ParcelPtr request = NewParcel();
+  ParcelPtr request = NewRequest(MethodId::UnsetCB);
   if (!request) {
     PROXY_LOGE("Failed to create parcel");
     throw InvalidProtocolException();
   }
-  rpc_port_parcel_write_int32(request.get(), static_cast<int>(MethodId::UnsetCB));
 
-  ParcelPtr result;
-  {
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
-    rpc_port_parcel_send(request.get(), port_);
-    result.reset(ConsumeCommand(port_));
-  }
-
-  if (!result) {
+  std::optional<int> ret = Call(request.get(), nullptr);
+  if (!ret) {
     PROXY_LOGE("Invalid protocol");
     throw InvalidProtocolException();
   }
+  return *ret;
+}
+
+std::optional<int> message::Call(rpc_port_parcel_h request,
+                                 std::unique_ptr<ResponseCB> *registered) {
+  ParcelPtr result;
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    if (registered) delegateList_.push_back(std::move(*registered));
+    rpc_port_parcel_send(request, port_);
+    result.reset(ConsumeCommand(port_));
+  }
+  if (!result) return std::nullopt;
 
   int ret = 0;
   rpc_port_parcel_read_int32(result.get(), &ret);
@@ -199,12 +188,11 @@ void message::Send(bundle *msg) {
     throw NotConnectedSocketException();
   }
 
-  ParcelPtr request = NewParcel();
+  ParcelPtr request = NewRequest(MethodId::Send);
   if (!request) {
     PROXY_LOGE("Failed to create parcel");
     throw InvalidProtocolException();
   }
-  rpc_port_parcel_write_int32(request.get(), static_cast<int>(MethodId::Send));
   rpc_port_parcel_write_bundle(request.get(), msg);
 
   std::lock_guard<std::recursive_mutex> lock(mutex_);

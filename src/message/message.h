@@ -7,6 +7,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "message/MessageExceptions.h"
@@ -90,6 +91,10 @@ class message {
   static void OnRejectedCB(const char *endpoint, const char *portName, void *data);
   static void OnReceivedCB(const char *endpoint, const char *portName, void *data);
   void ProcessReceivedEvent(rpc_port_parcel_h parcel);
+  // Sends request on the main port and waits for its result, holding mutex_ throughout;
+  // *registered (if given) is taken over into delegateList_ first, under the same lock.
+  // Returns the app's ret, or nothing when no result parcel arrives.
+  std::optional<int> Call(rpc_port_parcel_h request, std::unique_ptr<ResponseCB> *registered);
   rpc_port_parcel_h ConsumeCommand(rpc_port_h port);
 
   rpc_port_h port_ = nullptr;                 // main port, owned by proxyHandle_

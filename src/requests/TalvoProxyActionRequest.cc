@@ -54,13 +54,9 @@ int TalvoProxyActionRequest::executeAction(std::string appId, bundle *data,
   info->userData = userData;
 
   // A pending request of the same app is replaced; its callback is never called.
-  auto previous = actionResultInfoMap.find(appId);
-  if (previous != actionResultInfoMap.end()) {
-    delete previous->second;
-    actionResultInfoMap.erase(previous);
-  }
-  actionResultInfoMap.emplace(appId, info.get());
-  info.release();  // the map owns it now
+  ActionExecutionResultInfo *&slot = actionResultInfoMap[appId];
+  delete slot;
+  slot = info.release();  // the map owns it now
 
   char *actionId = nullptr;
   if (data) bundle_get_str(data, "actionId", &actionId);

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "common/Log.h"
+#include "common/PlatformPtr.h"
 #include "common/ProcessWide.h"
 
 namespace {
@@ -20,22 +21,12 @@ constexpr const char kMissingParameterMsg[] = "Json failure because of missing p
 // treated as text that does not parse.
 constexpr int kMaxContextDepth = 1024;
 
-struct GObjectUnref {
-  void operator()(gpointer object) const { g_object_unref(object); }
-};
-using ParserPtr = std::unique_ptr<JsonParser, GObjectUnref>;
-using BuilderPtr = std::unique_ptr<JsonBuilder, GObjectUnref>;
-using GeneratorPtr = std::unique_ptr<JsonGenerator, GObjectUnref>;
-
-struct JsonNodeUnref {
-  void operator()(JsonNode *node) const { json_node_unref(node); }
-};
-using NodePtr = std::unique_ptr<JsonNode, JsonNodeUnref>;
-
-struct GFree {
-  void operator()(gchar *text) const { g_free(text); }
-};
-using GTextPtr = std::unique_ptr<gchar, GFree>;
+using talvo::ReleaseWith;
+using ParserPtr = std::unique_ptr<JsonParser, ReleaseWith<g_object_unref>>;
+using BuilderPtr = std::unique_ptr<JsonBuilder, ReleaseWith<g_object_unref>>;
+using GeneratorPtr = std::unique_ptr<JsonGenerator, ReleaseWith<g_object_unref>>;
+using NodePtr = std::unique_ptr<JsonNode, ReleaseWith<json_node_unref>>;
+using GTextPtr = std::unique_ptr<gchar, ReleaseWith<g_free>>;
 
 // True when the JSON parser could recurse deeper than limit into text; it recurses once per
 // bracket, so text past the limit would exhaust the stack. Counts in one pass without
@@ -176,13 +167,9 @@ int TalvoProxyStateRequest::requestAppState(std::string appId, bundle *data,
   info->userData = userData;
 
   // A pending request of the same app is replaced; its callback is never called.
-  auto previous = stateResultInfoMap.find(appId);
-  if (previous != stateResultInfoMap.end()) {
-    delete previous->second;
-    stateResultInfoMap.erase(previous);
-  }
-  stateResultInfoMap.emplace(appId, info.get());
-  info.release();  // the map owns it now
+  StateRequestResultInfo *&slot = stateResultInfoMap[appId];
+  delete slot;
+  slot = info.release();  // the map owns it now
 
   // The bundle refuses keys that exist, so the caller's own values win.
   bundle_add_str(data, "actionId", "getAppContext");
