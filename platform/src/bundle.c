@@ -11,6 +11,8 @@
  * (bundle_decode_view) lets its large byte values point into the transport's buffer. */
 #include "bundle_internal.h"
 
+#include "byteorder_internal.h"
+
 #include <errno.h>
 #include <glib.h>
 #include <stdint.h>
@@ -191,10 +193,7 @@ static size_t encoded_entry_size(const struct keyval_t *kv, bool *fits)
 
 static unsigned char *put_u32(unsigned char *p, uint32_t v)
 {
-        p[0] = (unsigned char)v;
-        p[1] = (unsigned char)(v >> 8);
-        p[2] = (unsigned char)(v >> 16);
-        p[3] = (unsigned char)(v >> 24);
+        velna_put_le32(p, v);
         return p + 4;
 }
 
@@ -226,8 +225,7 @@ static bool get_u32(reader *r, uint32_t *v)
 {
         if (r->left < 4)
                 return false;
-        *v = (uint32_t)r->p[0] | (uint32_t)r->p[1] << 8 | (uint32_t)r->p[2] << 16 |
-             (uint32_t)r->p[3] << 24;
+        *v = velna_get_le32(r->p);
         r->p += 4;
         r->left -= 4;
         return true;

@@ -34,6 +34,7 @@
 #include <glib-unix.h>
 #include <glib.h>
 
+#include "byteorder_internal.h"
 #include "dlog.h"
 #include "main_loop_internal.h"
 
@@ -159,20 +160,6 @@ static int remaining_ms(int64_t deadline)
         return left > INT32_MAX ? INT32_MAX : (int)left;
 }
 
-static void put_le32(unsigned char *p, uint32_t v)
-{
-        p[0] = (unsigned char)v;
-        p[1] = (unsigned char)(v >> 8);
-        p[2] = (unsigned char)(v >> 16);
-        p[3] = (unsigned char)(v >> 24);
-}
-
-static uint32_t get_le32(const unsigned char *p)
-{
-        return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 |
-               (uint32_t)p[3] << 24;
-}
-
 static void drop_output(velna_channel *ch)
 {
         out_buf *b = ch->out_head;
@@ -184,6 +171,15 @@ static void drop_output(velna_channel *ch)
         }
         ch->out_head = ch->out_tail = NULL;
         ch->out_bytes = 0;
+}
+
+/* Drops the frame being assembled, header included. */
+static void drop_partial_frame(velna_channel *ch)
+{
+        free(ch->frame);
+        ch->frame = NULL;
+        ch->frame_len = ch->frame_have = 0;
+        ch->hdr_have = 0;
 }
 
 static void drop_input(velna_channel *ch)
@@ -198,18 +194,7 @@ static void drop_input(velna_channel *ch)
         ch->in_head = ch->in_tail = NULL;
         ch->in_count = 0;
         ch->in_bytes = 0;
-        free(ch->frame);
-        ch->frame = NULL;
-        ch->frame_len = ch->frame_have = 0;
-        ch->hdr_have = 0;
-}
-
-static void remove_source(guint *id)
-{
-        if (*id) {
-                g_source_remove(*id);
-                *id = 0;
-        }
+        drop_partial_frame(ch);
 }
 
 /* ---- payload buffers ---- */
@@ -232,7 +217,7 @@ static unsigned char *buffer_new(size_t len)
 
 static void spare_drop(velna_channel *ch)
 {
-        remove_source(&ch->spare_timer);
+        g_clear_handle_id(&ch->spare_timer, g_source_remove);
         free(ch->spare);
         ch->spare = NULL;
         ch->spare_cap = 0;
@@ -281,14 +266,23 @@ static void buffer_put(velna_channel *ch, unsigned char *p, size_t len)
                 ch->spare_timer = g_timeout_add(SPARE_IDLE_MS, on_spare_tick, ch);
 }
 
+/* Ends all I/O: the watches go, the socket is closed and the spare freed. Queued
+ * frames and a pending notification are left to the caller. */
+static void stop_io(velna_channel *ch)
+{
+        g_clear_handle_id(&ch->in_watch, g_source_remove);
+        g_clear_handle_id(&ch->out_watch, g_source_remove);
+        spare_drop(ch);
+        if (ch->fd >= 0) {
+                close(ch->fd);
+                ch->fd = -1;
+        }
+}
+
 static void channel_free(velna_channel *ch)
 {
-        remove_source(&ch->in_watch);
-        remove_source(&ch->out_watch);
-        remove_source(&ch->notify_idle);
-        spare_drop(ch);
-        if (ch->fd >= 0)
-                close(ch->fd);
+        g_clear_handle_id(&ch->notify_idle, g_source_remove);
+        stop_io(ch);
         drop_output(ch);
         drop_input(ch);
         list_remove(ch);
@@ -361,18 +355,9 @@ static void channel_fail(velna_channel *ch)
         if (ch->failed)
                 return;
         ch->failed = true;
-        remove_source(&ch->in_watch);
-        remove_source(&ch->out_watch);
-        if (ch->fd >= 0) {
-                close(ch->fd);
-                ch->fd = -1;
-        }
+        stop_io(ch);
         drop_output(ch);
-        spare_drop(ch);
-        free(ch->frame);
-        ch->frame = NULL;
-        ch->frame_len = ch->frame_have = 0;
-        ch->hdr_have = 0;
+        drop_partial_frame(ch);
 }
 
 /* ---- writing ---- */
@@ -436,7 +421,7 @@ static void update_out_watch(velna_channel *ch)
         if (ch->out_head && !ch->out_watch && ch->fd >= 0)
                 ch->out_watch = g_unix_fd_add(ch->fd, G_IO_OUT, on_writable, ch);
         else if (!ch->out_head && ch->out_watch)
-                remove_source(&ch->out_watch);
+                g_clear_handle_id(&ch->out_watch, g_source_remove);
 }
 
 static gboolean on_writable(gint fd, GIOCondition cond, gpointer data)
@@ -464,9 +449,7 @@ static void push_frame(velna_channel *ch)
         in_frame *f = ch->in_tail;
         in_frame *nf = malloc(sizeof *nf);
         if (!nf) {
-                free(ch->frame);
-                ch->frame = NULL;
-                ch->frame_len = ch->frame_have = 0;
+                drop_partial_frame(ch);
                 return;
         }
         nf->data = ch->frame;
@@ -500,8 +483,8 @@ static read_status consume(velna_channel *ch, const unsigned char *p, size_t n)
                         if (ch->hdr_have < VELNA_FRAME_HEADER_SIZE)
                                 return READ_OK;
 
-                        uint32_t magic = get_le32(ch->hdr);
-                        uint32_t len = get_le32(ch->hdr + 4);
+                        uint32_t magic = velna_get_le32(ch->hdr);
+                        uint32_t len = velna_get_le32(ch->hdr + 4);
                         if (magic != VELNA_FRAME_MAGIC) {
                                 dlog_print(DLOG_WARN, LOG_TAG,
                                            "dropping peer pid %d: bad frame magic 0x%08x",
@@ -589,7 +572,7 @@ static void update_in_watch(velna_channel *ch)
                 return;
         bool over = ch->in_bytes > VELNA_CHANNEL_MAX_QUEUED_IN;
         if (over && ch->in_watch)
-                remove_source(&ch->in_watch);
+                g_clear_handle_id(&ch->in_watch, g_source_remove);
         else if (!over && !ch->in_watch)
                 ch->in_watch = g_unix_fd_add(ch->fd, G_IO_IN | G_IO_HUP | G_IO_ERR,
                                              on_readable, ch);
@@ -725,8 +708,8 @@ static int send_frame(velna_channel *ch, unsigned char *payload, size_t len, boo
                 return r;
 
         unsigned char hdr[VELNA_FRAME_HEADER_SIZE];
-        put_le32(hdr, VELNA_FRAME_MAGIC);
-        put_le32(hdr + 4, (uint32_t)len);
+        velna_put_le32(hdr, VELNA_FRAME_MAGIC);
+        velna_put_le32(hdr + 4, (uint32_t)len);
         size_t total = sizeof hdr + len;
         size_t sent = 0;
 
@@ -876,6 +859,16 @@ int velna_channel_take_frame(velna_channel *channel, int timeout_ms, unsigned ch
         return 0;
 }
 
+int velna_channel_drop_frame(velna_channel *channel)
+{
+        unsigned char *payload = NULL;
+        size_t len = 0;
+        int r = velna_channel_take_frame(channel, 0, &payload, &len);
+        if (r == 0)
+                free(payload);
+        return r;
+}
+
 void velna_channel_recycle(velna_channel *channel, unsigned char *payload, size_t len)
 {
         if (channel)
@@ -911,14 +904,8 @@ void velna_channel_close(velna_channel *channel)
         channel->closing = true;
         channel->ready = NULL;
         channel->closed = NULL;
-        remove_source(&channel->in_watch);
-        remove_source(&channel->out_watch);
-        remove_source(&channel->notify_idle);
-        spare_drop(channel);
-        if (channel->fd >= 0) {
-                close(channel->fd);
-                channel->fd = -1;
-        }
+        g_clear_handle_id(&channel->notify_idle, g_source_remove);
+        stop_io(channel);
         if (channel->dispatch_depth == 0)
                 channel_free(channel);
 }

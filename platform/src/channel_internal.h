@@ -58,6 +58,10 @@ unsigned char *velna_channel_payload_alloc(velna_channel *channel, size_t len);
  * ends without a frame, -5 once the peer is gone and nothing is queued. */
 int velna_channel_take_frame(velna_channel *channel, int timeout_ms, unsigned char **payload,
                              size_t *len);
+/* Discards the oldest incoming frame: velna_channel_take_frame with no wait (so with
+ * none queued it reads what the socket holds), then free. 0 when a frame was dropped,
+ * else what velna_channel_take_frame returned. */
+int velna_channel_drop_frame(velna_channel *channel);
 /* Takes back a payload of len bytes that velna_channel_take_frame handed out, once its
  * consumer is done with it, so that a large buffer serves a later frame; a small one is
  * freed. */

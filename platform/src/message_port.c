@@ -275,10 +275,7 @@ static void dest_free(gpointer data)
 static void on_dest_frame(velna_channel *channel, void *user_data)
 {
         (void)user_data;
-        unsigned char *raw = NULL;
-        size_t len = 0;
-        if (velna_channel_take_frame(channel, 0, &raw, &len) == 0)
-                free(raw);
+        velna_channel_drop_frame(channel);
 }
 
 static void on_dest_closed(velna_channel *channel, void *user_data)
@@ -308,10 +305,8 @@ static velna_channel *dest_live_channel(const char *key)
         if (!dest)
                 return NULL;
 
-        unsigned char *raw = NULL;
-        size_t len = 0;
-        while (velna_channel_take_frame(dest->channel, 0, &raw, &len) == 0)
-                free(raw);
+        while (velna_channel_drop_frame(dest->channel) == 0)
+                continue;
         if (velna_channel_is_open(dest->channel))
                 return dest->channel;
         g_hash_table_remove(dests, key);

@@ -15,6 +15,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "byteorder_internal.h"
 #include "channel_internal.h"
 #include "rpc_port_internal.h"
 
@@ -31,20 +32,6 @@ struct rpc_port_parcel_s {
         size_t cap;
         size_t pos; /* read position */
 };
-
-static void put_le32(unsigned char *p, uint32_t v)
-{
-        p[0] = (unsigned char)v;
-        p[1] = (unsigned char)(v >> 8);
-        p[2] = (unsigned char)(v >> 16);
-        p[3] = (unsigned char)(v >> 24);
-}
-
-static uint32_t get_le32(const unsigned char *p)
-{
-        return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 |
-               (uint32_t)p[3] << 24;
-}
 
 /* Makes room for extra more bytes: 0, -90 past the parcel cap, -12. */
 static int reserve(struct rpc_port_parcel_s *p, size_t extra)
@@ -80,19 +67,29 @@ static int append_field(struct rpc_port_parcel_s *p, unsigned char tag, const vo
         unsigned char *out = p->data + p->len;
         out[0] = tag;
         if (with_length)
-                put_le32(out + 1, (uint32_t)body_len);
+                velna_put_le32(out + 1, (uint32_t)body_len);
         if (body_len)
                 memcpy(out + head, body, body_len);
         p->len += head + body_len;
         return 0;
 }
 
-/* Finds the field at the read position if it has the tag: 0, its body and length
- * (fixed_len, or the u32 prefix when fixed_len is 0) and in *next the position after
- * it; -5 for another tag or a field that the remaining bytes cannot hold. */
+/* A field found at the read position; body borrows from the parcel. */
+typedef struct {
+        const unsigned char *body;
+        size_t len;
+        size_t next; /* read position after the field */
+} field;
+
+/* Finds the field at the read position if it has the tag: 0 and its body, whose length
+ * is fixed_len or, when fixed_len is 0, the u32 prefix; -22 for a null parcel, -5 for
+ * another tag or a field that the remaining bytes cannot hold. */
 static int peek_field(const struct rpc_port_parcel_s *p, unsigned char tag, size_t fixed_len,
-                      const unsigned char **body, size_t *body_len, size_t *next)
+                      field *f)
 {
+        if (!p)
+                return -EINVAL;
+
         size_t left = p->len - p->pos;
         const unsigned char *at = p->data + p->pos;
         if (left < 1 || at[0] != tag)
@@ -105,7 +102,7 @@ static int peek_field(const struct rpc_port_parcel_s *p, unsigned char tag, size
         if (fixed_len == 0) {
                 if (left < 4)
                         return -EIO;
-                len = get_le32(at);
+                len = velna_get_le32(at);
                 left -= 4;
                 at += 4;
                 head += 4;
@@ -113,9 +110,9 @@ static int peek_field(const struct rpc_port_parcel_s *p, unsigned char tag, size
         if (len > left)
                 return -EIO;
 
-        *body = at;
-        *body_len = len;
-        *next = p->pos + head + len;
+        f->body = at;
+        f->len = len;
+        f->next = p->pos + head + len;
         return 0;
 }
 
@@ -184,7 +181,7 @@ int rpc_port_parcel_write_int32(rpc_port_parcel_h h, int i)
                 return -EINVAL;
 
         unsigned char v[4];
-        put_le32(v, (uint32_t)i);
+        velna_put_le32(v, (uint32_t)i);
         return append_field(h, FIELD_INT32, v, sizeof v, false);
 }
 
@@ -225,16 +222,13 @@ int rpc_port_parcel_read_int32(rpc_port_parcel_h h, int *i)
         if (!i)
                 return -EINVAL;
         *i = 0;
-        if (!h)
-                return -EINVAL;
 
-        const unsigned char *body;
-        size_t len, next;
-        int r = peek_field(h, FIELD_INT32, 4, &body, &len, &next);
+        field f;
+        int r = peek_field(h, FIELD_INT32, 4, &f);
         if (r < 0)
                 return r;
-        *i = (int)(int32_t)get_le32(body);
-        h->pos = next;
+        *i = (int)(int32_t)velna_get_le32(f.body);
+        h->pos = f.next;
         return 0;
 }
 
@@ -243,18 +237,15 @@ int rpc_port_parcel_read_bool(rpc_port_parcel_h h, bool *b)
         if (!b)
                 return -EINVAL;
         *b = false;
-        if (!h)
-                return -EINVAL;
 
-        const unsigned char *body;
-        size_t len, next;
-        int r = peek_field(h, FIELD_BOOL, 1, &body, &len, &next);
+        field f;
+        int r = peek_field(h, FIELD_BOOL, 1, &f);
         if (r < 0)
                 return r;
-        if (body[0] > 1)
+        if (f.body[0] > 1)
                 return -EIO;
-        *b = body[0] == 1;
-        h->pos = next;
+        *b = f.body[0] == 1;
+        h->pos = f.next;
         return 0;
 }
 
@@ -263,23 +254,20 @@ int rpc_port_parcel_read_string(rpc_port_parcel_h h, char **str)
         if (!str)
                 return -EINVAL;
         *str = NULL;
-        if (!h)
-                return -EINVAL;
 
-        const unsigned char *body;
-        size_t len, next;
-        int r = peek_field(h, FIELD_STRING, 0, &body, &len, &next);
+        field f;
+        int r = peek_field(h, FIELD_STRING, 0, &f);
         if (r < 0)
                 return r;
-        if (len > 0 && memchr(body, '\0', len))
+        if (f.len > 0 && memchr(f.body, '\0', f.len))
                 return -EIO;
 
-        char *s = malloc(len + 1);
+        char *s = malloc(f.len + 1);
         if (!s)
                 return -ENOMEM;
-        memcpy(s, body, len);
-        s[len] = '\0';
-        h->pos = next;
+        memcpy(s, f.body, f.len);
+        s[f.len] = '\0';
+        h->pos = f.next;
         *str = s; /* ownership passes to the caller */
         return 0;
 }
@@ -289,20 +277,17 @@ int rpc_port_parcel_read_bundle(rpc_port_parcel_h h, bundle **b)
         if (!b)
                 return -EINVAL;
         *b = NULL;
-        if (!h)
-                return -EINVAL;
 
-        const unsigned char *body;
-        size_t len, next;
-        int r = peek_field(h, FIELD_BUNDLE, 0, &body, &len, &next);
+        field f;
+        int r = peek_field(h, FIELD_BUNDLE, 0, &f);
         if (r < 0)
                 return r;
 
         bundle *decoded = NULL;
-        r = bundle_decode_raw(body, len, &decoded);
+        r = bundle_decode_raw(f.body, f.len, &decoded);
         if (r < 0)
                 return r == -ENOMEM ? r : -EIO;
-        h->pos = next;
+        h->pos = f.next;
         *b = decoded; /* ownership passes to the caller */
         return 0;
 }

@@ -33,6 +33,15 @@ struct rpc_port_s {
         velna_channel *channel;
 };
 
+/* Closes the port's channel, if it still has one; parcel calls then fail with -5. */
+static inline void rpc_port_close(struct rpc_port_s *port)
+{
+        if (port->channel) {
+                velna_channel_close(port->channel);
+                port->channel = NULL;
+        }
+}
+
 static inline bool rpc_port_instance_is_valid(const char *s, size_t len)
 {
         if (len == 0 || len > RPC_PORT_INSTANCE_MAX)

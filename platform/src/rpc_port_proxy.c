@@ -89,27 +89,11 @@ static bool proxy_leave(struct rpc_port_proxy_s *p)
         return false;
 }
 
-static void remove_source(guint *id)
-{
-        if (*id) {
-                g_source_remove(*id);
-                *id = 0;
-        }
-}
-
-static void close_port(struct rpc_port_s *port)
-{
-        if (port->channel) {
-                velna_channel_close(port->channel);
-                port->channel = NULL;
-        }
-}
-
 static void release_connection(struct rpc_port_proxy_s *p)
 {
-        remove_source(&p->source);
-        close_port(&p->main_port);
-        close_port(&p->cb_port);
+        g_clear_handle_id(&p->source, g_source_remove);
+        rpc_port_close(&p->main_port);
+        rpc_port_close(&p->cb_port);
         p->main_acked = p->cb_acked = false;
         p->target_pid = 0;
 }
@@ -137,7 +121,7 @@ static void disconnect(struct rpc_port_proxy_s *p)
 {
         dlog_print(DLOG_INFO, LOG_TAG, "connection to %s port %s closed", p->app_id,
                    p->port_name);
-        remove_source(&p->source);
+        g_clear_handle_id(&p->source, g_source_remove);
         p->state = PROXY_IDLE;
         if (p->on_disconnected)
                 p->on_disconnected(p->app_id, p->port_name, p->disconnected_data);
@@ -158,19 +142,15 @@ static void dispatch_received(struct rpc_port_proxy_s *p)
                         p->on_received(p->app_id, p->port_name, p->received_data);
                 if (p->destroyed || p->state != PROXY_CONNECTED || !p->cb_port.channel)
                         break;
-                if (velna_channel_pending(p->cb_port.channel) >= before) {
-                        unsigned char *frame = NULL;
-                        size_t len = 0;
-                        if (velna_channel_take_frame(p->cb_port.channel, 0, &frame, &len) == 0)
-                                free(frame);
-                }
+                if (velna_channel_pending(p->cb_port.channel) >= before)
+                        velna_channel_drop_frame(p->cb_port.channel);
         }
         p->dispatching = false;
 }
 
 static void become_connected(struct rpc_port_proxy_s *p)
 {
-        remove_source(&p->source);
+        g_clear_handle_id(&p->source, g_source_remove);
         p->state = PROXY_CONNECTED;
         p->ever_connected = true;
         dlog_print(DLOG_DEBUG, LOG_TAG, "connected to %s port %s as instance %s", p->app_id,
@@ -217,19 +197,15 @@ static void on_ready(struct rpc_port_proxy_s *p, velna_channel *ch, unsigned cha
                 become_connected(p);
 }
 
-static void on_main_ready(velna_channel *ch, void *data)
+/* The ready handler of both channels; a closed channel raises no more events, so ch
+ * is always one of the two the proxy holds. */
+static void on_channel_ready(velna_channel *ch, void *data)
 {
         struct rpc_port_proxy_s *p = data;
+        unsigned char kind = ch == p->main_port.channel ? RPC_PORT_PORT_MAIN
+                                                        : RPC_PORT_PORT_CALLBACK;
         proxy_enter(p);
-        on_ready(p, ch, RPC_PORT_PORT_MAIN);
-        proxy_leave(p);
-}
-
-static void on_cb_ready(velna_channel *ch, void *data)
-{
-        struct rpc_port_proxy_s *p = data;
-        proxy_enter(p);
-        on_ready(p, ch, RPC_PORT_PORT_CALLBACK);
+        on_ready(p, ch, kind);
         proxy_leave(p);
 }
 
@@ -271,7 +247,7 @@ static int send_hello(velna_channel *ch, unsigned char kind, const char *instanc
 static const char *start_handshake(struct rpc_port_proxy_s *p, velna_channel *main_ch)
 {
         p->main_port.channel = main_ch;
-        velna_channel_set_handlers(main_ch, on_main_ready, on_closed, p);
+        velna_channel_set_handlers(main_ch, on_channel_ready, on_closed, p);
         if (velna_channel_peer_uid(main_ch) != getuid())
                 return "the port is served by another user";
 
@@ -279,7 +255,7 @@ static const char *start_handshake(struct rpc_port_proxy_s *p, velna_channel *ma
         if (velna_channel_connect(p->path, RPC_PORT_MAX_PARCEL_SIZE, &cb_ch) < 0)
                 return "the callback channel cannot be opened";
         p->cb_port.channel = cb_ch;
-        velna_channel_set_handlers(cb_ch, on_cb_ready, on_closed, p);
+        velna_channel_set_handlers(cb_ch, on_channel_ready, on_closed, p);
 
         char *uuid = g_uuid_string_random();
         g_strlcpy(p->instance, uuid, sizeof p->instance);

@@ -26,6 +26,7 @@
 #include <unistd.h>
 
 #include "app_registry_internal.h"
+#include "byteorder_internal.h"
 #include "channel_internal.h"
 #include "rpc_port_internal.h"
 #include "runtime_internal.h"
@@ -90,37 +91,15 @@ struct rpc_port_stub_s {
 
 static void stub_free(struct rpc_port_stub_s *s);
 
-static void remove_source(guint *id)
-{
-        if (*id) {
-                g_source_remove(*id);
-                *id = 0;
-        }
-}
-
-static void close_port(struct rpc_port_s *port)
-{
-        if (port->channel) {
-                velna_channel_close(port->channel);
-                port->channel = NULL;
-        }
-}
-
-static void instance_free(instance *in)
-{
-        remove_source(&in->pair_timer);
-        close_port(&in->main_port);
-        close_port(&in->cb_port);
-        free(in->sender);
-        free(in);
-}
-
+/* Instances reach the graveyard through instance_close, which has already removed
+ * their timer and closed their channels. */
 static void free_graveyard(struct rpc_port_stub_s *s)
 {
         while (s->graveyard) {
                 instance *in = s->graveyard;
                 s->graveyard = in->next;
-                instance_free(in);
+                free(in->sender);
+                free(in);
         }
 }
 
@@ -153,9 +132,9 @@ static void instance_close(instance *in, bool raise_event)
                         break;
                 }
         }
-        remove_source(&in->pair_timer);
-        close_port(&in->main_port);
-        close_port(&in->cb_port);
+        g_clear_handle_id(&in->pair_timer, g_source_remove);
+        rpc_port_close(&in->main_port);
+        rpc_port_close(&in->cb_port);
         in->next = s->graveyard;
         s->graveyard = in;
 
@@ -176,14 +155,6 @@ static instance *instance_find(struct rpc_port_stub_s *s, const char *id)
 
 /* ---- connected instances ---- */
 
-static void drop_one_frame(velna_channel *ch)
-{
-        unsigned char *frame = NULL;
-        size_t len = 0;
-        if (velna_channel_take_frame(ch, 0, &frame, &len) == 0)
-                free(frame);
-}
-
 /* Raises the received event while whole parcels wait on the main channel. A handler
  * that leaves its parcel unread loses it, so that the loop always ends. */
 static void dispatch_received(instance *in)
@@ -197,7 +168,7 @@ static void dispatch_received(instance *in)
                 if (before == 0)
                         break;
                 if (!s->on_received) {
-                        drop_one_frame(in->main_port.channel);
+                        velna_channel_drop_frame(in->main_port.channel);
                         continue;
                 }
                 int r = s->on_received(in->sender, in->id, &in->main_port, s->received_data);
@@ -211,7 +182,7 @@ static void dispatch_received(instance *in)
                         break;
                 }
                 if (velna_channel_pending(in->main_port.channel) >= before)
-                        drop_one_frame(in->main_port.channel);
+                        velna_channel_drop_frame(in->main_port.channel);
         }
         in->dispatching = false;
 }
@@ -235,7 +206,7 @@ static void on_cb_ready(velna_channel *ch, void *data)
         struct rpc_port_stub_s *s = in->stub;
         stub_enter(s);
         while (velna_channel_pending(ch) > 0)
-                drop_one_frame(ch);
+                velna_channel_drop_frame(ch);
         stub_leave(s);
 }
 
@@ -274,7 +245,7 @@ static int send_ack(velna_channel *ch, unsigned char kind)
 static void instance_complete(instance *in)
 {
         struct rpc_port_stub_s *s = in->stub;
-        remove_source(&in->pair_timer);
+        g_clear_handle_id(&in->pair_timer, g_source_remove);
         if (send_ack(in->main_port.channel, RPC_PORT_PORT_MAIN) < 0 ||
             send_ack(in->cb_port.channel, RPC_PORT_PORT_CALLBACK) < 0) {
                 instance_close(in, false);
@@ -379,8 +350,8 @@ static void hello_unlink(hello_conn *h, bool close_fd)
                 }
         }
         s->hello_count--;
-        remove_source(&h->watch);
-        remove_source(&h->timer);
+        g_clear_handle_id(&h->watch, g_source_remove);
+        g_clear_handle_id(&h->timer, g_source_remove);
         if (close_fd)
                 close(h->fd);
         free(h);
@@ -405,12 +376,6 @@ static bool hello_parse(const hello_conn *h, unsigned char *kind, char *id)
         return true;
 }
 
-static uint32_t le32(const unsigned char *p)
-{
-        return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 |
-               (uint32_t)p[3] << 24;
-}
-
 /* Reads what the hello still lacks. 1 when it is whole, 0 for more later, -1 to drop. */
 static int hello_read(hello_conn *h)
 {
@@ -424,9 +389,9 @@ static int hello_read(hello_conn *h)
                         return -1;
                 h->have += (size_t)r;
                 if (h->have == VELNA_FRAME_HEADER_SIZE && h->need == VELNA_FRAME_HEADER_SIZE) {
-                        uint32_t len = le32(h->buf + 4);
-                        if (le32(h->buf) != VELNA_FRAME_MAGIC || len < RPC_PORT_HELLO_MIN ||
-                            len > RPC_PORT_HELLO_MAX)
+                        uint32_t len = velna_get_le32(h->buf + 4);
+                        if (velna_get_le32(h->buf) != VELNA_FRAME_MAGIC ||
+                            len < RPC_PORT_HELLO_MIN || len > RPC_PORT_HELLO_MAX)
                                 return -1;
                         h->need += len;
                 }
@@ -517,7 +482,7 @@ static gboolean on_listen_readable(gint fd, GIOCondition cond, gpointer data)
 /* Stops listening and closes every connection without raising events. */
 static void stub_shutdown(struct rpc_port_stub_s *s)
 {
-        remove_source(&s->listen_watch);
+        g_clear_handle_id(&s->listen_watch, g_source_remove);
         if (s->listen_fd >= 0) {
                 close(s->listen_fd);
                 s->listen_fd = -1;

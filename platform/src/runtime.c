@@ -67,21 +67,30 @@ static int ensure_dir(const char *path, bool check_owner)
         return 0;
 }
 
+/* One read of at most size - 1 bytes, NUL-terminated in buf: 0, -2 when the file is
+ * absent, -5. */
+static int file_read_small(const char *path, char *buf, size_t size)
+{
+        int fd = open(path, O_RDONLY | O_CLOEXEC);
+        if (fd < 0)
+                return errno == ENOENT ? -ENOENT : -EIO;
+        ssize_t n = read(fd, buf, size - 1);
+        close(fd);
+        if (n < 0)
+                return -EIO;
+        buf[n] = '\0';
+        return 0;
+}
+
 /* Reads /proc/<pid>/stat: the state letter and the start time (field 22). 0, -2 when
- * there is no such process, -5 when the file cannot be parsed. */
+ * there is no such process, -5 when the file cannot be read or parsed. */
 static int proc_stat_read(pid_t pid, char *state, unsigned long long *start_time)
 {
         char path[64], buf[1024];
         snprintf(path, sizeof(path), "/proc/%d/stat", (int)pid);
-
-        int fd = open(path, O_RDONLY | O_CLOEXEC);
-        if (fd < 0)
-                return -ENOENT;
-        ssize_t n = read(fd, buf, sizeof(buf) - 1);
-        close(fd);
-        if (n <= 0)
-                return -ENOENT;
-        buf[n] = '\0';
+        int r = file_read_small(path, buf, sizeof(buf));
+        if (r < 0)
+                return r;
 
         /* The command name may hold spaces and parentheses: fields follow the last ')'. */
         char *p = strrchr(buf, ')');
@@ -135,19 +144,6 @@ static bool record_is_live(pid_t pid, unsigned long long start_time)
 {
         unsigned long long now;
         return live_start_time(pid, &now) == 0 && now == start_time;
-}
-
-static int file_read_small(const char *path, char *buf, size_t size)
-{
-        int fd = open(path, O_RDONLY | O_CLOEXEC);
-        if (fd < 0)
-                return errno == ENOENT ? -ENOENT : -EIO;
-        ssize_t n = read(fd, buf, size - 1);
-        close(fd);
-        if (n < 0)
-                return -EIO;
-        buf[n] = '\0';
-        return 0;
 }
 
 static int file_write_atomic(const char *dir, const char *name, const char *text)
