@@ -17,12 +17,11 @@ static bool FollowsRule(const std::string &id) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static const std::string runtime = talvo_fuzz::FuzzRoot() + "/run";
   const std::string id = std::string(reinterpret_cast<const char *>(data), size).c_str();
-  bool valid = velna_app_id_is_valid(id.c_str());
+  bool valid = velna_app_id_is_valid(id.c_str()), running = true;
   if (valid != FollowsRule(id)) abort();
 
   char path[sizeof(sockaddr_un::sun_path)];
   int r = velna_socket_path("rpc", id.c_str(), "port", path, sizeof path);
-  bool running = true;
   int rr = app_manager_is_running(id.c_str(), &running);
   int lock = running_registry_lock(id.c_str());
   if (!valid) {
@@ -30,13 +29,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     return 0;
   }
 
-  std::string sockets = runtime + "/s/";
-  if (r != 0 || strncmp(path, sockets.c_str(), sockets.size()) != 0 ||
-      strchr(path + sockets.size(), '/') || rr != 0 || running || lock < 0)
-    abort();
-  std::string lock_path = runtime + "/lock/" + id;
+  std::string sockets = runtime + "/s/", lock_path = runtime + "/lock/" + id;
   struct stat st;
-  if (stat(lock_path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) abort();
+  if (r != 0 || strncmp(path, sockets.c_str(), sockets.size()) != 0 ||
+      strchr(path + sockets.size(), '/') || rr != 0 || running || lock < 0 ||
+      stat(lock_path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+    abort();
   running_registry_unlock(lock);
   unlink(lock_path.c_str());
   return 0;

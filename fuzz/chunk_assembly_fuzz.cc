@@ -1,12 +1,11 @@
 // Chunk assembly of answers on the library's message port. The input is a sequence of
-// answers, each a flag byte (bits 0-2: the app-state text, marker and piece keys; bits
-// 3-5: the same for an action result; bit 6: the marker is "true"), a length and that
-// many bytes of piece. Bit 7 with length 0 and the byte 0xC4 make the piece 32 MiB, so
-// that four fill a buffer to its cap; only the first 32 of a process get it, as each
-// costs a good part of a second under the sanitizers (the seeds reaching the cap run
-// first). A model of the joining rules runs beside the library: each answer handed on
-// must carry the text that the model expects, without the marker and piece keys, and
-// the buffers must hold what the model holds.
+// answers: a flag byte (bits 0-2: the app-state text, marker and piece keys; 3-5: the same
+// for an action result; 6: the marker is "true"), a length, and that many bytes of piece.
+// Bit 7 with length 0 and the byte 0xC4 make the piece 32 MiB, four of which fill a buffer
+// to its cap; only the first 32 of a process get it (the seeds reaching the cap run first),
+// as each costs most of a second under the sanitizers. A model of the joining rules runs
+// beside the library: each answer handed on must carry the model's text, without the
+// marker and piece keys, and the buffers must hold what the model holds.
 #include "fuzz_env.h"
 #include "ipc/TalvoProxyIpc.h"
 #include "ipc/TalvoProxyIpcInternal.h"
@@ -106,9 +105,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     // Text or marker of the app-state kind wins; an answer of neither kind is dropped.
     int k = (flags & (kText | kMarker)) ? 0 : (flags & ((kText | kMarker) << 3)) ? 1 : -1;
-    expected_kind = nullptr;
     if (k >= 0 && Step(models[k], kKinds[k], (flags >> (3 * k)) & 7, flags & kLast, piece))
-      expected_kind = &kKinds[k];
+      expected_kind = &kKinds[k];  // else still null: the last answer was handed on
     ipc->_processAppResultPort("org.fuzz.companion", answer);
     bundle_free(answer);
     if (expected_kind) abort();  // not handed on

@@ -3,7 +3,6 @@
 // platform log silenced, removed at exit); the checks that every decoded bundle must pass.
 #pragma once
 
-#include <bundle.h>
 #include <errno.h>
 #include <ftw.h>
 #include <rpc-port.h>
@@ -16,7 +15,6 @@
 #include <glib/gstdio.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -32,10 +30,9 @@ namespace talvo_fuzz {
 // VELNA_RUNTIME_DIR, <root>/apps VELNA_APPS_DIR; app_id, when given then, is VELNA_APP_ID.
 inline const std::string &FuzzRoot(const char *app_id = nullptr) {
   static const std::string *root = [app_id] {  // never destroyed: the exit handler reads it
-    char *dir = g_dir_make_tmp("talvo-fuzz-XXXXXX", nullptr);
+    g_autofree char *dir = g_dir_make_tmp("talvo-fuzz-XXXXXX", nullptr);
     if (!dir) abort();
     auto *path = new std::string(dir);
-    g_free(dir);
     std::string run = *path + "/run", apps = *path + "/apps";
     if (g_mkdir(run.c_str(), 0700) != 0 || g_mkdir(apps.c_str(), 0700) != 0) abort();
     setenv("VELNA_RUNTIME_DIR", run.c_str(), 1);

@@ -12,15 +12,13 @@ extern "C" {
 }
 
 struct Walk {
-  size_t calls = 0;
-  bool stop = false;
+  size_t calls, limit;  // the callback asks to stop once it has run limit times
 };
 
 static bool OnMetadata(const char *key, const char *value, void *user_data) {
   auto *walk = static_cast<Walk *>(user_data);
   if (!key || !*key || !value) abort();
-  walk->calls++;
-  return !walk->stop;
+  return ++walk->calls < walk->limit;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -28,8 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   talvo_fuzz::WriteManifest(kAppId, std::string(reinterpret_cast<const char *>(data), size));
 
   app_info_h info = nullptr;
-  int r = app_info_create(kAppId, &info);
   char *text = nullptr;
+  int r = app_info_create(kAppId, &info);
   int rp = package_manager_get_package_id_by_app_id(kAppId, &text);
   const velna_manifest *m = nullptr;
   int rm = velna_manifest_load(kAppId, &m);
@@ -52,8 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     abort();
   free(text);
 
-  Walk all, first;
-  first.stop = true;
+  Walk all{0, SIZE_MAX}, first{0, 1};
   if (app_info_foreach_metadata(info, OnMetadata, &all) != 0 || all.calls != m->metadata_count)
     abort();
   app_info_foreach_metadata(info, OnMetadata, &first);

@@ -1,11 +1,10 @@
 // The library's rpc-port proxy fed hostile callback parcels. One connection per process,
-// to a port that this process serves by hand, with three delegates: one kept, one dropped
-// after its first call, one that marks the end of each input. Each input is one parcel on
-// the callback channel, followed by a marker invocation: the input must be dispatched or
-// dropped before the marker, a one-shot delegate that ran must be gone, and a kept one
-// must stay unless it disposed of itself (an invocation with the id "dispose").
-#include <sys/un.h>
-
+// to a stub of this process whose callback channel carries the inputs, with three
+// delegates: one kept, one dropped after its first call, one that marks the end of each
+// input. Each input is one parcel on the callback channel, followed by a marker
+// invocation: the input must be dispatched or dropped before the marker, a one-shot
+// delegate that ran must be gone, and a kept one must stay unless it disposed of itself
+// (an invocation with the id "dispose").
 #include <initializer_list>
 #include <memory>
 
@@ -34,7 +33,8 @@ struct Listener : message::IEventListener {
 } listener;
 
 message *proxy;                 // lives as long as the process, as the library's clients do
-rpc_port_s main_port, cb_port;  // this process's ends of the two channels
+rpc_port_stub_h stub;           // the same
+rpc_port_h main_port, cb_port;  // the stub's ends of the two channels, owned by the stub
 std::string marker_seen;        // id of the marker delegate's last invocation
 
 template <typename Done>
@@ -46,93 +46,74 @@ void RunUntil(Done done) {
   }
 }
 
-// Sends a parcel of ints, then, when id is given, false and id: an invocation's shape.
-void Send(rpc_port_s &port, std::initializer_list<int> ints, const char *id = nullptr) {
+// A parcel of ints, then, when given, a bool and a string: a delegate's or an invocation's
+// shape.
+rpc_port_parcel_h Parcel(std::initializer_list<int> ints, int flag = -1, const char *id = nullptr) {
   rpc_port_parcel_h p = nullptr;
   if (rpc_port_parcel_create(&p) != 0) abort();
   for (int v : ints) rpc_port_parcel_write_int32(p, v);
-  if (id) {
-    rpc_port_parcel_write_bool(p, false);
-    rpc_port_parcel_write_string(p, id);
-  }
-  if (rpc_port_parcel_send(p, &port) != 0) abort();
+  if (flag >= 0) rpc_port_parcel_write_bool(p, flag);
+  if (id) rpc_port_parcel_write_string(p, id);
+  return p;
+}
+
+void Send(rpc_port_h port, rpc_port_parcel_h p) {
+  if (rpc_port_parcel_send(p, port) != 0) abort();
   rpc_port_parcel_destroy(p);
 }
 
-class Delegate : public message::ResponseCB {
- public:
-  explicit Delegate(int seq) : ResponseCB(seq == kOnce), slot_(slots[seq - kKept]), seq_(seq) {
-    rpc_port_parcel_h p = nullptr;  // the identity that inputs can name
-    rpc_port_parcel_create(&p);
-    rpc_port_parcel_write_int32(p, kDelegateId);
-    rpc_port_parcel_write_int32(p, seq);
-    rpc_port_parcel_write_bool(p, seq == kOnce);
+struct Delegate : message::ResponseCB {
+  explicit Delegate(int id) : ResponseCB(id == kOnce), seq(id), slot(slots[id - kKept]) {
+    rpc_port_parcel_h p = Parcel({kDelegateId, seq}, seq == kOnce);  // what inputs can name
     CallbackBase::Deserialize(p, *this);
     rpc_port_parcel_destroy(p);
-    slot_.alive = true;
+    slot.alive = true;
   }
-  ~Delegate() override { slot_.alive = false; }
+  ~Delegate() override { slot.alive = false; }
 
- protected:
   void OnReceived(std::string id, bundle *msg) override {
     if (msg) talvo_fuzz::CheckValues(msg);
-    if (seq_ == kMarker) {
+    slot.ran = true;
+    if (seq == kMarker) {
       marker_seen = id;
-      return;
-    }
-    slot_.ran = true;
-    if (id == "dispose") {
-      slot_.disposed = true;
+    } else if (id == "dispose") {
+      slot.disposed = true;
       proxy->DisposeCallback(GetTag());  // ends this object
     }
   }
 
- private:
-  Slot &slot_;
-  int seq_;
+  const int seq;
+  Slot &slot;
 };
 
 void Register(int seq) {
   std::unique_ptr<message::ResponseCB> cb(new Delegate(seq));
-  Send(main_port, {kResultMethod, 0});  // the app's answer, ready before the call
+  Send(main_port, Parcel({kResultMethod, 0}));  // the app's answer, ready before the call
   if (proxy->SetCB(cb) != 0) abort();
-  unsigned char *request = nullptr;
-  size_t len = 0;
-  while (velna_channel_take_frame(main_port.channel, 0, &request, &len) == 0) free(request);
 }
 
 void Connect() {
-  talvo_fuzz::FuzzRoot("org.fuzz.client");
+  talvo_fuzz::FuzzRoot(kAppId);  // the proxy connects to this process's own stub
   talvo_fuzz::WriteManifest(kAppId, std::string("[Application]\nPackage=") + kAppId + "\n");
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (velna_socket_path(RPC_PORT_SOCKET_KIND, kAppId, "message", addr.sun_path,
-                        sizeof addr.sun_path) != 0 ||
-      fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
-      listen(fd, 4) != 0)
+  auto on_connected = [](const char *, const char *instance, void *) {
+    if (rpc_port_stub_get_port(stub, RPC_PORT_PORT_MAIN, instance, &main_port) != 0 ||
+        rpc_port_stub_get_port(stub, RPC_PORT_PORT_CALLBACK, instance, &cb_port) != 0)
+      abort();
+  };
+  auto on_received = [](const char *, const char *, rpc_port_h port, void *) {
+    rpc_port_parcel_h request = nullptr;  // a SetCB, whose answer was sent ahead
+    if (rpc_port_parcel_create_from_port(&request, port) != 0) abort();
+    rpc_port_parcel_destroy(request);
+    return 0;
+  };
+  if (rpc_port_stub_create(&stub, "message") != 0 ||
+      rpc_port_stub_add_connected_event_cb(stub, on_connected, nullptr) != 0 ||
+      rpc_port_stub_add_received_event_cb(stub, on_received, nullptr) != 0 ||
+      rpc_port_stub_listen(stub) != 0)
     abort();
-
   proxy = new message(&listener, kAppId);
   proxy->Connect();
-  while (!main_port.channel || !cb_port.channel) {
-    g_main_context_iteration(nullptr, FALSE);
-    int conn = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (conn < 0) continue;
-    velna_channel *ch = velna_channel_new(conn, RPC_PORT_MAX_PARCEL_SIZE);
-    unsigned char *hello = nullptr;
-    size_t len = 0;
-    if (!ch || velna_channel_take_frame(ch, 10000, &hello, &len) != 0 || len < RPC_PORT_HELLO_MIN)
-      abort();
-    char kind = static_cast<char>(hello[RPC_PORT_HANDSHAKE_MAGIC_LEN]);
-    free(hello);
-    (kind == RPC_PORT_PORT_MAIN ? main_port : cb_port).channel = ch;
-    std::string ack = std::string(RPC_PORT_HANDSHAKE_MAGIC) + kind;
-    ack += static_cast<char>(RPC_PORT_ACK_OK);
-    if (velna_channel_send(ch, ack.data(), ack.size()) != 0) abort();
-  }
-  close(fd);
-  RunUntil([] { return listener.connected; });
+  RunUntil([] { return listener.connected && cb_port; });
   for (int seq : {kKept, kOnce, kMarker}) Register(seq);
 }
 
@@ -149,9 +130,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   static unsigned long round = 0;
   std::string nonce = "marker-" + std::to_string(++round);
-  static const uint8_t kEmpty = 0;
-  if (velna_channel_send(cb_port.channel, size ? data : &kEmpty, size) != 0) abort();
-  Send(cb_port, {kCallbackMethod, kDelegateId, kMarker}, nonce.c_str());
+  if (velna_channel_send(static_cast<rpc_port_s *>(cb_port)->channel, data, size) != 0) abort();
+  Send(cb_port, Parcel({kCallbackMethod, kDelegateId, kMarker}, false, nonce.c_str()));
   RunUntil([&nonce] { return marker_seen == nonce; });
 
   const Slot &kept = slots[0], &once = slots[1];

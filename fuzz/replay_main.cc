@@ -1,6 +1,6 @@
 // Runs fuzz inputs without libFuzzer: LLVMFuzzerTestOneInput once on every file named on
 // the command line and every regular file of a directory named there, in name order.
-// Exits 2 when a path cannot be read or there is no input at all; a fault in the target
+// Exits 2 when a path yields no input or a file cannot be read; a fault in the target
 // ends the process as it would under the fuzzer.
 #include <algorithm>
 #include <cstdint>
@@ -12,37 +12,32 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
+static int Refuse(const char *why, const char *path) {
+  std::fprintf(stderr, "replay: %s%s%s\n", why, *path ? " " : "", path);
+  return 2;
+}
+
 int main(int argc, char **argv) {
   namespace fs = std::filesystem;
-  if (argc < 2) {
-    std::fprintf(stderr, "replay: no inputs given\n");
-    return 2;
-  }
   std::vector<fs::path> inputs;
   for (int i = 1; i < argc; ++i) {
     std::error_code ec;
-    std::vector<fs::path> found;
+    size_t before = inputs.size();
     if (fs::is_regular_file(argv[i], ec))
-      found.push_back(argv[i]);
+      inputs.push_back(argv[i]);
     else
       for (fs::directory_iterator it(argv[i], ec), end; !ec && it != end; it.increment(ec))
         if (it->is_regular_file() && it->path().filename().c_str()[0] != '.')
-          found.push_back(it->path());
-    if (ec || found.empty()) {
-      std::fprintf(stderr, "replay: no inputs in %s\n", argv[i]);
-      return 2;
-    }
-    std::sort(found.begin(), found.end());
-    inputs.insert(inputs.end(), found.begin(), found.end());
+          inputs.push_back(it->path());
+    if (ec || inputs.size() == before) return Refuse("no inputs in", argv[i]);
+    std::sort(inputs.begin() + before, inputs.end());
   }
+  if (inputs.empty()) return Refuse("no inputs given", "");
 
   for (const fs::path &path : inputs) {
     std::ifstream file(path, std::ios::binary);
     std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)), {});
-    if (!file.is_open() || file.bad()) {
-      std::fprintf(stderr, "replay: cannot read %s\n", path.c_str());
-      return 2;
-    }
+    if (!file.is_open() || file.bad()) return Refuse("cannot read", path.c_str());
     std::vector<uint8_t> exact(bytes);  // no spare capacity: a read past the end is caught
     LLVMFuzzerTestOneInput(exact.empty() ? nullptr : exact.data(), exact.size());
   }

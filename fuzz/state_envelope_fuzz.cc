@@ -40,31 +40,27 @@ bool Is(JsonObject *object, const char *member, const char *want) {
 
 void CheckEnvelope(const Metadata &meta, const char *text) {
   JsonParser *parser = json_parser_new();
-  if (!json_parser_load_from_data(parser, context.c_str(), -1, nullptr)) abort();
-  JsonNode *root = json_parser_get_root(parser);
-  if (!root || !JSON_NODE_HOLDS_OBJECT(root)) abort();
-  JsonObject *object = json_node_get_object(root);
-  if (!Is(object, "appId", kAppId) || !meta.version || !Is(object, "appVersion", meta.version) ||
-      !json_object_has_member(object, "capsuleId"))
+  JsonNode *root = json_parser_load_from_data(parser, context.c_str(), -1, nullptr)
+                       ? json_parser_get_root(parser) : nullptr;
+  JsonObject *o = root && JSON_NODE_HOLDS_OBJECT(root) ? json_node_get_object(root) : nullptr;
+  if (!o || !Is(o, "appId", kAppId) || !meta.version || !Is(o, "appVersion", meta.version) ||
+      !json_object_has_member(o, "capsuleId") ||
+      (json_object_has_member(o, "contextBlob") && !Is(o, "contextBlob", text)))
     abort();
-  if (json_object_has_member(object, "contextBlob") && !Is(object, "contextBlob", text)) abort();
   g_object_unref(parser);
-}
-
-TalvoProxyStateRequest *SetUp() {
-  // This process is the app and holds its id, so that the app "runs".
-  talvo_fuzz::FuzzRoot(kAppId);
-  talvo_fuzz::WriteManifest(kAppId, std::string("[Application]\nPackage=") + kAppId + "\n");
-  if (velna_self_register() != 0) abort();
-  TalvoProxyStateRequest *requests = TalvoProxyStateRequest::getInstance();
-  if (!requests || requests->initialize() != 0) abort();
-  return requests;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  static TalvoProxyStateRequest *requests = SetUp();
+  static TalvoProxyStateRequest *requests = [] {
+    talvo_fuzz::FuzzRoot(kAppId);  // this process is the app and holds its id: the app runs
+    talvo_fuzz::WriteManifest(kAppId, std::string("[Application]\nPackage=") + kAppId + "\n");
+    if (velna_self_register() != 0) abort();
+    TalvoProxyStateRequest *instance = TalvoProxyStateRequest::getInstance();
+    if (!instance || instance->initialize() != 0) abort();
+    return instance;
+  }();
   if (size < 1) return 0;
   const Metadata &meta = kMetadata[(data[0] >> 4) & 3];
   const std::string text(reinterpret_cast<const char *>(data + 1), size - 1);

@@ -18,10 +18,17 @@ struct BundleFree {
 using BundlePtr = std::unique_ptr<bundle, BundleFree>;
 
 // A bundle of string entries, in order.
-BundlePtr MakeBundle(const std::vector<std::pair<std::string, std::string>> &entries = {});
+inline BundlePtr MakeBundle(const std::vector<std::pair<std::string, std::string>> &entries = {}) {
+  BundlePtr b(bundle_create());
+  for (const auto &e : entries) bundle_add_str(b.get(), e.first.c_str(), e.second.c_str());
+  return b;
+}
 
 // The string under key, or "<absent>".
-std::string GetStr(bundle *b, const char *key);
+inline std::string GetStr(bundle *b, const char *key) {
+  char *value = nullptr;
+  return bundle_get_str(b, key, &value) == 0 ? std::string(value) : "<absent>";
+}
 
 // A request bundle that carries the app's metadata itself, so no manifest is read.
 inline BundlePtr RequestWithMetadata(const std::string &version, const std::string &capsuleId,
@@ -32,8 +39,7 @@ inline BundlePtr RequestWithMetadata(const std::string &version, const std::stri
 
 // A bundle as a callback saw it: string entries by value, byte entries by size.
 struct Answer {
-  std::string appId;
-  std::string label;  // whatever the recorder was told
+  std::string appId, label;  // label: whatever the recorder was told
   std::map<std::string, std::string> strings;
   std::map<std::string, size_t> bytes;
 
@@ -44,7 +50,20 @@ struct Answer {
   }
 };
 
-Answer CopyAnswer(const char *appId, bundle *b, const std::string &label = "");
+inline Answer CopyAnswer(const char *appId, bundle *b, const std::string &label = "") {
+  Answer answer{appId ? appId : "(null)", label, {}, {}};
+  auto copy = [](const char *key, const int type, const bundle_keyval_t *kv, void *out) {
+    void *value = nullptr;
+    size_t size = 0;
+    auto *keyval = const_cast<bundle_keyval_t *>(kv);
+    if (bundle_keyval_type_is_array(keyval) || bundle_keyval_get_basic_val(keyval, &value, &size))
+      return;
+    if (type == BUNDLE_TYPE_BYTE) static_cast<Answer *>(out)->bytes[key] = size;
+    else static_cast<Answer *>(out)->strings[key] = static_cast<const char *>(value);
+  };
+  bundle_foreach(b, copy, &answer);
+  return answer;
+}
 
 // Every call of a talvo_proxy_result_cb whose user data is the recorder, in order.
 struct Recorder {

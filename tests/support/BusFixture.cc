@@ -26,11 +26,10 @@ pid_t SpawnAndReadLine(const std::vector<std::string> &args, std::string *line) 
   argv.push_back(nullptr);
   GPid pid = 0;
   int out = -1;
-  GError *error = nullptr;
+  g_autoptr(GError) error = nullptr;
   if (!g_spawn_async_with_pipes(nullptr, argv.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD,
                                 EndWithParent, nullptr, &pid, nullptr, &out, nullptr, &error)) {
     *line = error->message;
-    g_error_free(error);
     return -1;
   }
   FILE *stream = fdopen(out, "r");
@@ -58,26 +57,21 @@ BusFixture::BusFixture() {
     std::filesystem::remove_all(dir_);
     throw std::runtime_error(why);
   };
-  pid_ = SpawnAndReadLine({TALVO_DBUS_DAEMON, "--config-file=" TALVO_PRIVATE_BUS_CONFIG,
-                           "--address=unix:path=" + dir_ + "/bus", "--print-address",
-                           "--nofork"},
-                          &address_);
+  pid_ = SpawnAndReadLine({TALVO_DBUS_DAEMON, "--config-file=" TALVO_PRIVATE_BUS_CONFIG, "--nofork",
+                           "--address=unix:path=" + dir_ + "/bus", "--print-address"}, &address_);
   if (pid_ < 0 || address_.empty()) fail("dbus-daemon did not start: " + address_);
-  GError *error = nullptr;
-  connection_ = g_dbus_connection_new_for_address_sync(
-      address_.c_str(),
-      GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, &error);
+  g_autoptr(GError) error = nullptr;
+  auto flags = GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                    G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+  connection_ =
+      g_dbus_connection_new_for_address_sync(address_.c_str(), flags, nullptr, nullptr, &error);
   if (!connection_) fail(std::string("cannot connect to the private bus: ") + error->message);
   setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
 }
 
 BusFixture::~BusFixture() {
-  if (GDBusConnection *shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr)) {
-    g_dbus_connection_set_exit_on_close(shared, FALSE);
-    g_object_unref(shared);
-  }
+  g_autoptr(GDBusConnection) shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+  if (shared) g_dbus_connection_set_exit_on_close(shared, FALSE);
   g_dbus_connection_close_sync(connection_, nullptr, nullptr);
   g_object_unref(connection_);
   Stop(pid_);
@@ -86,16 +80,13 @@ BusFixture::~BusFixture() {
 }
 
 std::string BusFixture::ownerOf(const std::string &name) const {
-  GVariant *reply = g_dbus_connection_call_sync(
+  g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
       connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
       "GetNameOwner", g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(s)"),
       G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  if (!reply) return "";
   const char *owner = nullptr;
-  g_variant_get(reply, "(&s)", &owner);
-  std::string result = owner;
-  g_variant_unref(reply);
-  return result;
+  if (reply) g_variant_get(reply, "(&s)", &owner);
+  return owner ? owner : "";
 }
 
 WmSim::WmSim(const BusFixture &bus, int layout) : bus_(bus) {
@@ -111,16 +102,12 @@ WmSim::WmSim(const BusFixture &bus, int layout) : bus_(bus) {
 WmSim::~WmSim() { Stop(pid_); }
 
 void WmSim::call(const char *method, GVariant *parameters) {
-  GError *error = nullptr;
-  GVariant *reply = g_dbus_connection_call_sync(
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
       bus_.connection(), "org.enlightenment.wm", "/org/velna/WmSim", "org.velna.WmSim", method,
       parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, &error);
-  if (!reply) {
-    std::string message = std::string("WmSim.") + method + " failed: " + error->message;
-    g_error_free(error);
-    throw std::runtime_error(message);
-  }
-  g_variant_unref(reply);
+  if (!reply)
+    throw std::runtime_error(std::string("WmSim.") + method + " failed: " + error->message);
 }
 
 }  // namespace testsupport

@@ -1,11 +1,9 @@
 // A private message bus for one test process, and the window-manager simulator on it.
-//
-// BusFixture starts dbus-daemon with the project's private-bus configuration in a
-// temporary directory and points DBUS_SYSTEM_BUS_ADDRESS at it while it lives; the
-// destructor stops the daemon and removes the directory. GLib's shared system-bus
-// connection ends the process when its bus goes away, so create the fixture before the
-// library connects and keep it for the test's whole life; the destructor turns that
-// behaviour off for the shared connection before it stops the daemon.
+// BusFixture runs dbus-daemon with the private-bus configuration in a temporary directory
+// and points DBUS_SYSTEM_BUS_ADDRESS at it while it lives. Create it before the library
+// connects and keep it for the test's whole life: GLib's shared system-bus connection ends
+// the process when its bus goes away (the destructor turns that off before it stops the
+// daemon and removes the directory).
 #pragma once
 
 #include <gio/gio.h>
@@ -30,16 +28,14 @@ class BusFixture {
   std::string ownerOf(const std::string &name) const;
 
  private:
-  std::string dir_;
-  std::string address_;
+  std::string dir_, address_;
   pid_t pid_ = -1;
   GDBusConnection *connection_ = nullptr;  // owned
 };
 
-// The simulator process on a BusFixture's bus, answering in the given layout (12 or 13).
-// The constructor returns once the simulator owns "org.enlightenment.wm" (throws
-// std::runtime_error otherwise); the destructor stops it. Each control call waits for
-// the simulator's reply and throws std::runtime_error when it fails.
+// The simulator process on a BusFixture's bus, answering in the given layout (12 or 13),
+// from the moment it owns "org.enlightenment.wm" until the destructor stops it. The
+// constructor and each control call (which waits for the reply) throw std::runtime_error.
 class WmSim {
  public:
   explicit WmSim(const BusFixture &bus, int layout = 12);

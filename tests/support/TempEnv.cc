@@ -41,27 +41,19 @@ void TempEnv::install(const Manifest &m) {
 
 void TempEnv::installRaw(const std::string &appId, const std::string &text) {
   std::ofstream(root_ + "/apps/" + appId + ".app", std::ios::trunc) << text;
-  for (const std::string &known : installed_)
-    if (known == appId) return;
-  installed_.push_back(appId);
+  installed_.insert(appId);
 }
 
 void TempEnv::installSample(const std::string &appId, const std::string &exec) {
+  const bool rpc = appId == kRpcApp, alias = appId == kAliasApp;
+  const char *own = rpc ? RPC_COMPANION_EXEC : alias ? ALIAS_COMPANION_EXEC : PORT_COMPANION_EXEC;
   const std::string key = "http://velna.org/velna/metadata/talvo/";
-  std::string own = PORT_COMPANION_EXEC, sdk = "1.0-alpha", version = "1.0.0", capsule = "port";
-  Manifest m{appId, appId, "", "", "", {}};
-  if (appId == kRpcApp) {
-    own = RPC_COMPANION_EXEC, sdk = "1.1.0", version = "1.1.0", capsule = "rpc";
-  } else if (appId == kAliasApp) {
-    own = ALIAS_COMPANION_EXEC, sdk = "1.1.0", version = "2.0.0", capsule = "alias";
-    m.package = "org.velna.samplehost.alias";
-    m.infoPackage = "org.velna.sample.alias";
-  }
-  m.exec = exec.empty() ? own : exec;
-  m.metadata = {{key + "companion-app/version", version},
-                {key + "companion-app/capsule-id", "sample." + capsule + ".capsule"},
-                {key + "sdk/version", sdk}};
-  install(m);
+  const std::string capsule = rpc ? "rpc" : alias ? "alias" : "port";
+  install({appId, alias ? "org.velna.samplehost.alias" : appId,
+           alias ? "org.velna.sample.alias" : "", exec.empty() ? own : exec, "",
+           {{key + "companion-app/version", rpc ? "1.1.0" : alias ? "2.0.0" : "1.0.0"},
+            {key + "companion-app/capsule-id", "sample." + capsule + ".capsule"},
+            {key + "sdk/version", rpc || alias ? "1.1.0" : "1.0-alpha"}}});
 }
 
 bool TempEnv::launch(const std::string &appId, const char *port) {

@@ -3,6 +3,7 @@
 // installed through it, then removes both directories.
 #pragma once
 
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,11 +16,9 @@ constexpr char kRpcApp[] = "org.velna.sample.rpccompanion";
 constexpr char kAliasApp[] = "org.velna.sample.aliascompanion";
 
 struct Manifest {
-  std::string appId;
-  std::string package;
-  std::string infoPackage;     // empty: the key is left out
-  std::string exec;            // empty: the key is left out
-  std::string allowedClients;  // empty: the key is left out; else the raw list "a;b;"
+  std::string appId, package;
+  std::string infoPackage, exec;  // empty: the key is left out
+  std::string allowedClients;     // likewise; else the raw list "a;b;"
   std::vector<std::pair<std::string, std::string>> metadata;  // in file order
 };
 
@@ -46,9 +45,8 @@ class TempEnv {
   bool launch(const std::string &appId, const char *port = nullptr);
 
  private:
-  std::string root_;
-  std::string runtimeDir_;
-  std::vector<std::string> installed_;
+  std::string root_, runtimeDir_;
+  std::set<std::string> installed_;
 };
 
 }  // namespace testsupport
