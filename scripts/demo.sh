@@ -5,6 +5,7 @@
 # after Ctrl-C. Exits non-zero when a step did not give the expected answer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+echo "Installing what is missing and building (the first run takes a few minutes)..."
 scripts/build.sh >/dev/null
 build=$(pwd)/${BUILD_DIR:-build}
 
