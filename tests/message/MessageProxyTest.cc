@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "Bundles.h"
 #include "LogCapture.h"
 #include "LoopUntil.h"
 #include "TempEnv.h"
@@ -49,10 +50,9 @@ struct Recorder : message::ResponseCB {
   Recorder(std::shared_ptr<Seen> seen, bool once) : ResponseCB(once), seen(seen) {}
   ~Recorder() override { seen->destroyed = true; }
   void OnReceived(std::string id, bundle *msg) override {
-    char *value = nullptr;
     seen->ids.push_back(id);
-    seen->payloads.push_back(bundle_get_str(msg, "result", &value) == 0 ? value : "-");
-    seen->commands.push_back(bundle_get_str(msg, "commands", &value) == 0 ? value : "-");
+    seen->payloads.push_back(testsupport::GetStr(msg, "result"));
+    seen->commands.push_back(testsupport::GetStr(msg, "commands"));
   }
   std::shared_ptr<Seen> seen;
 };
@@ -93,14 +93,9 @@ class MessageProxy : public ::testing::Test {
     return seen;
   }
 
-  static void Send(message &proxy, const std::string &steps, const std::string &payload,
-                   int count = 1) {
-    bundle *msg = bundle_create();
-    bundle_add_str(msg, "do", steps.c_str());
-    bundle_add_str(msg, "sample_result", payload.c_str());
-    bundle_add_str(msg, "count", std::to_string(count).c_str());
-    proxy.Send(msg);
-    bundle_free(msg);
+  static void Send(message &proxy, const std::string &steps, const std::string &payload, int count = 1) {
+    auto msg = testsupport::MakeBundle({{"do", steps}, {"sample_result", payload}, {"count", std::to_string(count)}});
+    proxy.Send(msg.get());
   }
 
   static bool WaitFor(const std::shared_ptr<Seen> &seen, size_t answers) {
@@ -111,10 +106,9 @@ class MessageProxy : public ::testing::Test {
   bool HasProxyLine(const std::string &operation, const std::string &text) const {
     const std::string head = "message.cc: " + operation + "(", tail = ") > " + text;
     for (const auto &l : log.lines()) {
-      const std::string &m = l.message;
-      size_t end = m.find_first_not_of("0123456789", head.size());
-      if (l.tag == "RPC_PORT_PROXY" && l.prio == DLOG_ERROR && m.rfind(head, 0) == 0 &&
-          end > head.size() && end != std::string::npos && m.substr(end) == tail)
+      size_t end = l.message.find_first_not_of("0123456789", head.size());
+      if (l.tag == "RPC_PORT_PROXY" && l.prio == DLOG_ERROR && l.message.rfind(head, 0) == 0 &&
+          end > head.size() && end != std::string::npos && l.message.substr(end) == tail)
         return true;
     }
     return false;
@@ -185,9 +179,7 @@ TEST_F(MessageProxy, CallsBeforeTheConnectedEventThrowAndSendNothing) {
   message proxy(&listener, kAppId);
   auto seen = std::make_shared<Seen>();
   auto delegate = NewRecorder(seen);
-  bundle *msg = bundle_create();
-  EXPECT_THROW(proxy.Send(msg), proxy::NotConnectedSocketException);
-  bundle_free(msg);
+  EXPECT_THROW(proxy.Send(testsupport::MakeBundle().get()), proxy::NotConnectedSocketException);
   proxy.Connect();
   EXPECT_THROW(proxy.SetCB(delegate), proxy::NotConnectedSocketException);
   EXPECT_THROW(proxy.UnsetCB(), proxy::NotConnectedSocketException);
@@ -250,22 +242,17 @@ TEST_F(MessageProxy, PortFailingDuringTheResultWaitThrowsAndKeepsTheDelegate) {
 
 TEST_F(MessageProxy, OnceDelegateReceivesOnlyTheFirstInvocationAndDisposeRemovesByTag) {
   auto proxy = Connected("lax");
-  auto once = Register(*proxy, 0, true), many = Register(*proxy);
-  auto disposed = std::make_shared<Seen>();
-  auto delegate = NewRecorder(disposed);
-  std::string tag = delegate->GetTag();
-  ASSERT_EQ(proxy->SetCB(delegate), 0);
+  auto once = Register(*proxy, 0, true), many = Register(*proxy), disposed = Register(*proxy);
   proxy->DisposeCallback("1::999");
   EXPECT_FALSE(disposed->destroyed);
-  proxy->DisposeCallback(tag);
+  proxy->DisposeCallback("1::2");  // the third delegate of this process
   EXPECT_TRUE(disposed->destroyed);
 
   // The lax app invokes both delegates twice each, ignoring the once flag.
   Send(*proxy, "answer", "p", 2);
   ASSERT_TRUE(WaitFor(many, 2));
   EXPECT_EQ(once->payloads.size(), 1u);
-  EXPECT_TRUE(once->destroyed);
-  EXPECT_FALSE(many->destroyed);
+  EXPECT_TRUE(once->destroyed && !many->destroyed);
   EXPECT_TRUE(disposed->payloads.empty());
 }
 

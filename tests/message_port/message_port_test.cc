@@ -1,5 +1,6 @@
-// The message port between real processes: this test process is the client (it owns
-// kClientPort as kClient) and the test app is the app at the other end.
+// The channel layer on a socketpair inside this process, and the message port between
+// real processes: this test process is the client (it owns kClientPort as kClient) and
+// the test app is the app at the other end.
 #include <app_manager.h>
 #include <bundle.h>
 #include <message_port.h>
@@ -80,13 +81,13 @@ class MessagePort : public ::testing::Test {
 
   void LaunchApp() { ASSERT_TRUE(env_.launch(kApp, kAppPort)); }
 
-  // A command for the app, answered to kClientPort; "echo" returns it with "sender" added.
-  static BundlePtr Command(const char *cmd) {
-    return testsupport::MakeBundle({{"cmd", cmd}, {"reply_port", kClientPort}});
+  // Sends the app a command, answered to kClientPort; "echo" returns it with "sender" added.
+  static int Send(const char *cmd, std::vector<std::pair<std::string, std::string>> entries = {},
+                  const char *app = kApp, const char *port = kAppPort) {
+    entries.insert(entries.begin(), {{"cmd", cmd}, {"reply_port", kClientPort}});
+    return message_port_send_message(app, port, testsupport::MakeBundle(entries).get());
   }
-  int SendEcho(const char *app = kApp, const char *port = kAppPort) {
-    return message_port_send_message(app, port, Command("echo").get());
-  }
+  static int SendEcho(const char *app = kApp, const char *port = kAppPort) { return Send("echo", {}, app, port); }
 
   bool WaitForMessages(size_t count, int timeoutMs = 20000) {
     return testsupport::RunLoopUntil([&] { return received_.size() >= count; }, timeoutMs);
@@ -99,15 +100,8 @@ class MessagePort : public ::testing::Test {
 
 TEST_F(MessagePort, RoundTripsKeepOrderBothWaysAndNameEachSenderAsThePlatformKnowsIt) {
   LaunchApp();
-  for (int i = 0; i < 1000; i++) {
-    BundlePtr msg = Command("echo");
-    bundle_add_str(msg.get(), "seq", std::to_string(i).c_str());
-    ASSERT_EQ(message_port_send_message(kApp, kAppPort, msg.get()), 0) << i;
-  }
-  BundlePtr send = Command("send");
-  bundle_add_str(send.get(), "count", "1000");
-  bundle_add_str(send.get(), "size", "100");
-  ASSERT_EQ(message_port_send_message(kApp, kAppPort, send.get()), 0);
+  for (int i = 0; i < 1000; i++) ASSERT_EQ(Send("echo", {{"seq", std::to_string(i)}}), 0) << i;
+  ASSERT_EQ(Send("send", {{"count", "1000"}, {"size", "100"}}), 0);
 
   ASSERT_TRUE(WaitForMessages(2000)) << received_.size() << " arrived\n" << log_.dump();
   // One connection each way: the echoes first, in order, then the app's own sends.
@@ -124,7 +118,7 @@ TEST_F(MessagePort, RoundTripsKeepOrderBothWaysAndNameEachSenderAsThePlatformKno
 TEST_F(MessagePort, MessageOverTheCapIsRefusedAndSixtyFourMiBTravelsWhole) {
   LaunchApp();
   for (size_t size : {size_t(MESSAGE_PORT_MAX_MESSAGE_SIZE), size_t(64u << 20)}) {
-    BundlePtr msg = Command("echo");
+    BundlePtr msg = testsupport::MakeBundle({{"cmd", "echo"}, {"reply_port", kClientPort}});
     bundle_add_byte(msg.get(), "data", Pattern(size, 7).data(), size);
     EXPECT_EQ(message_port_send_message(kApp, kAppPort, msg.get()), size == (64u << 20) ? 0 : -EMSGSIZE);
   }
@@ -215,7 +209,6 @@ TEST_F(MessagePort, HostileBytesDropOnlyThatPeer) {
   ASSERT_EQ(bundle_encode_raw(testsupport::MakeBundle({{"cmd", "forged"}}).get(), &raw, &len), 0);
   const std::string good(reinterpret_cast<char *>(raw), len);
   free(raw);
-
   int wrongMagic = RawConnect(), overCap = RawConnect(), badBundle = RawConnect(), honest = RawConnect();
   SendFrame(wrongMagic, good, uint32_t(len), 0x12345678u);
   SendFrame(wrongMagic, good, uint32_t(len));  // after the drop
@@ -241,6 +234,68 @@ TEST_F(MessagePort, HostileBytesDropOnlyThatPeer) {
   EXPECT_EQ(received_[0].remote, kClient);  // the raw socket's owner: this very process
   EXPECT_FALSE(dropped(honest));
   for (int fd : {wrongMagic, overCap, badBundle, honest}) close(fd);
+}
+
+// Frames that arrived on a channel, and how often it reported its close.
+struct Frames {
+  std::vector<std::vector<unsigned char>> frames;
+  int closedCalls = 0;
+};
+
+void TakeOne(velna_channel *channel, void *data) {
+  unsigned char *payload = nullptr;
+  size_t len = 0;
+  ASSERT_EQ(velna_channel_take_frame(channel, 0, &payload, &len), 0);
+  static_cast<Frames *>(data)->frames.emplace_back(payload, payload + len);
+  free(payload);
+}
+
+// Two channels on a socketpair, a_ sending to b_, each refusing frames over maxFrame.
+class Channel : public ::testing::Test {
+ protected:
+  void SetUp() override { Pair(16u << 20); }
+  void TearDown() override {
+    for (velna_channel *c : {a_, b_})
+      if (c) velna_channel_close(c);
+    a_ = b_ = nullptr;
+  }
+  void Pair(uint32_t maxFrame) {
+    TearDown();
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
+    a_ = velna_channel_new(sv[0], maxFrame);
+    b_ = velna_channel_new(sv[1], maxFrame);
+    ASSERT_TRUE(a_ && b_);
+  }
+  velna_channel *a_ = nullptr, *b_ = nullptr;
+  Frames rec_;
+};
+
+TEST_F(Channel, FramesUpToTheCapArriveWholeAndInOrderAndOnePastIsRefused) {
+  auto closed = [](velna_channel *, void *d) { static_cast<Frames *>(d)->closedCalls++; };
+  velna_channel_set_handlers(b_, TakeOne, closed, &rec_);
+  const std::vector<size_t> sizes = {0, 1, 7, 8, 9, 65535, 65536, 65537, 3u << 20, 20, 0, 16u << 20, 5};
+  for (size_t i = 0; i < sizes.size(); i++)
+    ASSERT_EQ(velna_channel_send(a_, Pattern(sizes[i], unsigned(i)).data(), sizes[i]), 0) << i;
+  std::vector<unsigned char> over((16u << 20) + 1);
+  EXPECT_EQ(velna_channel_send(a_, over.data(), over.size()), -EMSGSIZE);
+
+  ASSERT_TRUE(testsupport::RunLoopUntil([&] { return rec_.frames.size() == sizes.size(); }, 20000))
+      << rec_.frames.size();
+  for (size_t i = 0; i < sizes.size(); i++)
+    EXPECT_TRUE(rec_.frames[i] == Pattern(sizes[i], unsigned(i))) << "frame " << i;
+  EXPECT_EQ(rec_.closedCalls, 0);
+  EXPECT_EQ(velna_channel_peer_pid(b_), getpid());
+}
+
+TEST_F(Channel, OutputPastTheQueueCapFailsWithTryAgain) {
+  // Nobody runs the loop, so what the socket does not take stays queued.
+  Pair(1u << 30);
+  std::vector<unsigned char> chunk(100u << 20, 3);
+  EXPECT_EQ(velna_channel_send(a_, chunk.data(), chunk.size()), 0);
+  EXPECT_EQ(velna_channel_send(a_, chunk.data(), chunk.size()), 0);
+  EXPECT_EQ(velna_channel_send(a_, chunk.data(), chunk.size()), -EAGAIN);
+  EXPECT_EQ(velna_channel_send(a_, "small", 5), 0);
 }
 
 }  // namespace

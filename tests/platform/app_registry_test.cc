@@ -18,36 +18,33 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 const std::string kSdkKey = "http://velna.org/velna/metadata/talvo/sdk/version";
 
-// The app's metadata in foreach order, up to stopAfter entries when that is given.
-Pairs Metadata(const char *appId, int stopAfter = -1) {
+// The app's metadata in foreach order.
+Pairs Metadata(const char *appId) {
   app_info_h info = nullptr;
   EXPECT_EQ(0, app_info_create(appId, &info));
-  struct Ctx {
-    Pairs out;
-    int stopAfter;
-  } ctx{{}, stopAfter};
+  Pairs out;
   auto collect = [](const char *k, const char *v, void *data) {
-    auto *c = static_cast<Ctx *>(data);
-    c->out.emplace_back(k, v);
-    return c->stopAfter < 0 || int(c->out.size()) < c->stopAfter;
+    return static_cast<Pairs *>(data)->emplace_back(k, v), true;
   };
-  EXPECT_EQ(0, app_info_foreach_metadata(info, collect, &ctx));
+  EXPECT_EQ(0, app_info_foreach_metadata(info, collect, &out));
   app_info_destroy(info);
-  return ctx.out;
+  return out;
 }
 
-enum Field { kInfoPackage, kPackageId, kExec };
-
-// The field as its getter hands it out, else "<result>".
-std::string Get(const char *appId, Field field) {
-  char *value = nullptr;
+// The app's InfoPackage, package id and Exec as their getters hand them out, each else
+// "<result>", joined by '|'.
+std::string Fields(const char *appId) {
+  auto text = [](int r, char **value) {
+    std::string out = r == 0 ? *value : "<" + std::to_string(r) + ">";
+    return free(*value), out;
+  };
+  char *package = nullptr, *id = nullptr, *exec = nullptr;
   app_info_h info = nullptr;
-  int r = field == kPackageId ? package_manager_get_package_id_by_app_id(appId, &value)
-                              : app_info_create(appId, &info);
-  if (info) r = field == kInfoPackage ? app_info_get_package(info, &value) : app_info_get_exec(info, &value);
+  int r = app_info_create(appId, &info);
+  std::string out = text(info ? app_info_get_package(info, &package) : r, &package) + "|" +
+                    text(package_manager_get_package_id_by_app_id(appId, &id), &id) + "|" +
+                    text(info ? app_info_get_exec(info, &exec) : r, &exec);
   app_info_destroy(info);
-  std::string out = r == 0 ? value : "<" + std::to_string(r) + ">";
-  free(value);
   return out;
 }
 
@@ -68,18 +65,13 @@ TEST_F(Manifests, FieldsAndMetadataInFileOrderWithDefaultsAndRewritesReadAfresh)
   env_.install({"org.example.plain", "org.example.plain", "", "", "", {}});
 
   EXPECT_EQ(metadata, Metadata("org.example.alias"));
-  EXPECT_EQ(Pairs(metadata.begin(), metadata.begin() + 2), Metadata("org.example.alias", 2));
-  EXPECT_EQ("org.example", Get("org.example.alias", kInfoPackage));
-  EXPECT_EQ("org.example.alias.pkg", Get("org.example.alias", kPackageId));
-  EXPECT_EQ("/bin/app --quiet", Get("org.example.alias", kExec));
-  EXPECT_EQ("org.example.plain", Get("org.example.plain", kInfoPackage));
-  EXPECT_EQ("org.example.plain", Get("org.example.plain", kPackageId));
-  EXPECT_EQ("<-2>", Get("org.example.plain", kExec));
+  EXPECT_EQ("org.example|org.example.alias.pkg|/bin/app --quiet", Fields("org.example.alias"));
+  EXPECT_EQ("org.example.plain|org.example.plain|<-2>", Fields("org.example.plain"));
   EXPECT_TRUE(Metadata("org.example.plain").empty());
 
   // Same size, same second: only the finer times and the content differ.
   env_.install({"org.example.plain", "org.example.other", "", "", "", {}});
-  EXPECT_EQ("org.example.other", Get("org.example.plain", kPackageId));
+  EXPECT_EQ("org.example.other|org.example.other|<-2>", Fields("org.example.plain"));
 }
 
 TEST_F(Manifests, MalformedOrIncompleteManifestIsAnErrorForThatAppOnly) {
@@ -89,27 +81,23 @@ TEST_F(Manifests, MalformedOrIncompleteManifestIsAnErrorForThatAppOnly) {
   env_.installRaw("org.example.nogroup", "[Metadata]\nk=v\n");
   env_.install({"org.example.good", "org.example.good", "", "", "", {{kSdkKey, "1.1.0"}}});
 
-  EXPECT_EQ("<-5>", Get("org.example.garbage", kInfoPackage));
-  EXPECT_EQ("<-5>", Get("org.example.nopackage", kInfoPackage));
-  EXPECT_EQ("<-5>", Get("org.example.nogroup", kPackageId));
+  for (const char *id : {"org.example.garbage", "org.example.nopackage", "org.example.nogroup"})
+    EXPECT_EQ("<-5>|<-5>|<-5>", Fields(id)) << id;
   EXPECT_EQ((Pairs{{kSdkKey, "1.1.0"}}), Metadata("org.example.good"));
   EXPECT_TRUE(capture.has("org.example.garbage.app is malformed")) << capture.dump();
   EXPECT_TRUE(capture.has("org.example.nopackage.app is malformed: no Package")) << capture.dump();
 }
 
 TEST_F(Manifests, UnknownAndInvalidAppIdsAreRefused) {
-  EXPECT_EQ("<-2>", Get("org.example.absent", kInfoPackage));
-  EXPECT_EQ("<-2>", Get("org.example.absent", kPackageId));
+  EXPECT_EQ("<-2>|<-2>|<-2>", Fields("org.example.absent"));
 
   // A manifest outside the apps directory stays out of reach.
   std::ofstream(env_.root() + "/x.app") << "[Application]\nPackage=x\n";
   const std::string tooLong(256, 'a');
-  for (const char *id : {"../x", "a/b", "", ".", "..", "a b", "caf\xc3\xa9", tooLong.c_str()}) {
-    EXPECT_EQ("<-22>", Get(id, kInfoPackage)) << id;
-    EXPECT_EQ("<-22>", Get(id, kPackageId)) << id;
-  }
+  for (const char *id : {"../x", "a/b", "", ".", "..", "a b", "caf\xc3\xa9", tooLong.c_str()})
+    EXPECT_EQ("<-22>|<-22>|<-22>", Fields(id)) << id;
   // The longest id whose manifest name a file system takes ("<id>.app", 255 bytes).
   const std::string longest(251, 'a');
   env_.install({longest, "p", "", "", "", {}});
-  EXPECT_EQ("p", Get(longest.c_str(), kPackageId));
+  EXPECT_EQ("p|p|<-2>", Fields(longest.c_str()));
 }

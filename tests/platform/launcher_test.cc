@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "LogCapture.h"
 #include "LoopUntil.h"
@@ -52,9 +53,8 @@ class Launcher : public ::testing::Test {
   }
 
   struct Reply {
-    bool called = false;
+    bool called = false, withRequest = false;
     int result = 1;
-    bool withRequest = false;
   };
 
   int Launch(const char *appId, Reply *reply) {
@@ -65,7 +65,7 @@ class Launcher : public ::testing::Test {
     int r = app_control_send_launch_request(
         h,
         [](app_control_h request, app_control_h, int result, void *data) {
-          *static_cast<Reply *>(data) = {true, result, request != nullptr};
+          *static_cast<Reply *>(data) = {true, request != nullptr, result};
         },
         reply);
     app_control_destroy(h);  // the reply must not depend on the caller's handle
@@ -92,8 +92,7 @@ TEST_F(Launcher, LaunchedAppRunsOnceDetachedWithTheCallersEnvironmentUntilItEnds
   EXPECT_EQ(kApp, AppIdOf(pid));
   ASSERT_TRUE(testsupport::RunLoopUntil(
       [&] { return reply.called && ReadFile(log).find("test-app") != std::string::npos; }, 5000));
-  EXPECT_EQ(0, reply.result);
-  EXPECT_TRUE(reply.withRequest);
+  EXPECT_TRUE(reply.result == 0 && reply.withRequest);
   std::string expected = "test-app pid=" + std::to_string(pid) + " app=" + kApp +
                          " operation=" + kOperation + " marker=marker-42 stdin=/dev/null\n";
   EXPECT_NE(std::string::npos, ReadFile(log).find(expected)) << ReadFile(log);
@@ -104,22 +103,18 @@ TEST_F(Launcher, LaunchedAppRunsOnceDetachedWithTheCallersEnvironmentUntilItEnds
   pid_t second = 0;
   int started = -1;
   ASSERT_EQ(0, velna_launch(kApp, kOperation, &second, &started));
-  EXPECT_EQ(0, started);
-  EXPECT_EQ(pid, second);
-  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "never our child: nothing for us to reap";
-  EXPECT_EQ(ECHILD, errno);
+  EXPECT_TRUE(started == 0 && second == pid) << started << " " << second;
+  EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << "never our child: nothing to reap";
 
   // Delivery of SIGKILL is asynchronous; no cleanup or reaping is waited for.
   ASSERT_EQ(0, kill(pid, SIGKILL));
   EXPECT_TRUE(testsupport::RunLoopUntil([] { return !IsRunning(kApp); }, 1000));
   EXPECT_EQ("<-2>", AppIdOf(pid));
   ASSERT_EQ(0, velna_launch(kApp, nullptr, &second, &started));
-  EXPECT_EQ(1, started);
-  EXPECT_NE(pid, second);
+  EXPECT_TRUE(started == 1 && second != pid) << started << " " << second;
 
   Install(std::string(TEST_APP) + " exit", "org.example.exits");
-  ASSERT_EQ(0, velna_launch("org.example.exits", nullptr, nullptr, &started));
-  EXPECT_EQ(1, started);
+  EXPECT_TRUE(velna_launch("org.example.exits", nullptr, nullptr, &started) == 0 && started == 1);
   EXPECT_TRUE(testsupport::RunLoopUntil([] { return !IsRunning("org.example.exits"); }, 5000));
   unsetenv("VELNA_LOG_FILE");
 }
@@ -136,9 +131,7 @@ TEST_F(Launcher, UnknownAppAppWithoutExecAndFailedSpawnAreReported) {
   EXPECT_EQ(-22, Launch("../evil", nullptr));
 
   ASSERT_TRUE(testsupport::RunLoopUntil([&] { return missing.called; }, 2000));
-  EXPECT_EQ(-2, unknown.result);
-  EXPECT_EQ(-2, noexec.result);
-  EXPECT_EQ(-5, missing.result);
+  EXPECT_EQ(std::vector<int>({-2, -2, -5}), std::vector<int>({unknown.result, noexec.result, missing.result}));
   EXPECT_TRUE(capture.has("org.example.noexec: its manifest has no Exec")) << capture.dump();
   EXPECT_FALSE(IsRunning("org.example.missing"));
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));  // the failed spawn left no child behind

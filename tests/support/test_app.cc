@@ -74,18 +74,12 @@ int SendNumbered(const std::string &app, const std::string &port, long count, si
 void OnMessage(int, const char *sender, const char *, bool, bundle *message, void *) {
   std::string cmd = Get(message, "cmd"), replyPort = Get(message, "reply_port");
   if (!sender || replyPort.empty()) return;
-  int r = 0;
-  bundle *reply = nullptr;
-  if (cmd == "echo") {
-    reply = bundle_dup(message);
-    bundle_add_str(reply, "sender", sender);
-  } else if (cmd == "send") {
-    r = SendNumbered(sender, replyPort, Number(message, "count", 1), Number(message, "size", 16));
-  }
-  if (reply) {
-    r = message_port_send_message(sender, replyPort.c_str(), reply);
-    bundle_free(reply);
-  }
+  if (cmd == "send") SendNumbered(sender, replyPort, Number(message, "count", 1), Number(message, "size", 16));
+  if (cmd != "echo") return;
+  bundle *reply = bundle_dup(message);
+  bundle_add_str(reply, "sender", sender);
+  int r = message_port_send_message(sender, replyPort.c_str(), reply);
+  bundle_free(reply);
   if (r < 0) fprintf(stderr, "test-app: answer to %s failed: %d\n", sender, r);
 }
 
@@ -112,21 +106,14 @@ int OnEcho(const char *sender, const char *instance, rpc_port_h port, void *) {
   bundle *b = nullptr;
   rpc_port_h callback = nullptr;
   rpc_port_parcel_read_int32(in, &cmd);
-  if (cmd == 1) {
-    rpc_port_parcel_read_string(in, &text);
-    rpc_port_parcel_read_bundle(in, &b);
-    Write(port, {0}, {text ? text : ""}, b);
-  } else if (cmd == 2) {
-    rpc_port_parcel_read_bundle(in, &b);
-    if (b && rpc_port_stub_get_port(stub, RPC_PORT_PORT_CALLBACK, instance, &callback) == 0)
-      Write(callback, {1}, {}, b);
-  } else if (cmd == 4) {
-    raise(SIGKILL);
-  } else if (cmd == 6) {
-    Write(port, {0}, {sender, instance});
-  } else if (cmd != 3) {
-    Write(port, {-1});
-  }
+  if (cmd == 1) rpc_port_parcel_read_string(in, &text);
+  if (cmd == 1 || cmd == 2) rpc_port_parcel_read_bundle(in, &b);
+  if (cmd == 1) Write(port, {0}, {text ? text : ""}, b);
+  if (cmd == 2 && b && rpc_port_stub_get_port(stub, RPC_PORT_PORT_CALLBACK, instance, &callback) == 0)
+    Write(callback, {1}, {}, b);
+  if (cmd == 4) raise(SIGKILL);
+  if (cmd == 6) Write(port, {0}, {sender, instance});
+  if (cmd < 1 || cmd == 5 || cmd > 6) Write(port, {-1});
   free(text);
   if (b) bundle_free(b);
   rpc_port_parcel_destroy(in);
@@ -134,14 +121,8 @@ int OnEcho(const char *sender, const char *instance, rpc_port_h port, void *) {
 }
 
 // Interface "message", by hand.
-struct Delegate {
-  int id, seq;
-  bool once;
-};
-struct Connection {
-  std::vector<Delegate> delegates;
-  std::string commands;
-};
+struct Delegate { int id, seq; bool once; };
+struct Connection { std::vector<Delegate> delegates; std::string commands; };
 std::map<std::string, Connection> connections;
 const int kRegisterResult = atoi(Env("MESSAGE_TEST_APP_REGISTER_RESULT", "0").c_str());
 
@@ -190,13 +171,9 @@ int OnLax(const char *, const char *instance, rpc_port_h port, void *) {
     if (mode == "callback-first") Invoke(port, d, true, stray);
     bundle_free(stray);
   }
-  if (command == 2 || command == 3) {
-    Write(port, {0, kRegisterResult});
-  } else if (command == 4) {
-    bundle *msg = nullptr;
-    rpc_port_parcel_read_bundle(parcel, &msg);
-    if (msg) LaxSend(instance, port, msg), bundle_free(msg);
-  }
+  if (command == 2 || command == 3) Write(port, {0, kRegisterResult});
+  bundle *msg = nullptr;
+  if (command == 4 && rpc_port_parcel_read_bundle(parcel, &msg) == 0) LaxSend(instance, port, msg), bundle_free(msg);
   rpc_port_parcel_destroy(parcel);
   return 0;
 }
