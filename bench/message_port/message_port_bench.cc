@@ -114,8 +114,9 @@ void BM_RawSocketpairRoundTrip256(benchmark::State &state) {
   }
 }
 
-void BM_MessagePortRoundTrip256(benchmark::State &state) {
-  bundle *b = MakeBundle("echo", kSmall);
+// Sends a bundle of `size` bytes under `kind` and waits for each reply.
+void SendAndWaitEach(benchmark::State &state, const char *kind, size_t size) {
+  bundle *b = MakeBundle(kind, size);
   for (auto _ : state) {
     int expected = g_replies + 1;
     if (message_port_send_message(kEcho, "BENCH_PORT", b) != 0) {
@@ -126,6 +127,8 @@ void BM_MessagePortRoundTrip256(benchmark::State &state) {
   }
   bundle_free(b);
 }
+
+void BM_MessagePortRoundTrip256(benchmark::State &state) { SendAndWaitEach(state, "echo", kSmall); }
 
 void BM_RawSocketpairStream(benchmark::State &state, size_t size) {
   RawPeer peer(size, 1);
@@ -141,16 +144,7 @@ void BM_RawSocketpairStream(benchmark::State &state, size_t size) {
 }
 
 void BM_MessagePortMessage(benchmark::State &state, size_t size) {
-  bundle *b = MakeBundle("ack", size);
-  for (auto _ : state) {
-    int expected = g_replies + 1;
-    if (message_port_send_message(kEcho, "BENCH_PORT", b) != 0) {
-      state.SkipWithError("send failed");
-      break;
-    }
-    WaitForReplies(expected);
-  }
-  bundle_free(b);
+  SendAndWaitEach(state, "ack", size);
   state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(size));
 }
 
