@@ -17,6 +17,11 @@ int app_manager_get_app_id(pid_t pid, char **app_id);
 /* Extension: ends the running app (SIGTERM, then SIGKILL after 2 s) and returns once it
  * is gone. 0, also when it was not running; -22 for an invalid app id. */
 int app_manager_terminate_app(const char *app_id);
+/* Extension: the file that receives the standard output and error of app_id when the
+ * platform launches it: VELNA_LOG_FILE when set, else <runtime dir>/log/<app-id>.log.
+ * 0 and a newly allocated path (free with free()); -22 for an invalid app id, or the
+ * runtime directory's error. */
+int app_manager_get_log_path(const char *app_id, char **path);
 
 #ifdef __cplusplus
 }

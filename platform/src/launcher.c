@@ -25,6 +25,7 @@
 #include <string.h>
 #include <linux/close_range.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,6 +33,8 @@
 #define TERM_GRACE_MS 2000
 #define KILL_WAIT_MS 5000
 #define POLL_STEP_US 5000
+/* Launched apps' logs, under the runtime directory. */
+#define LOG_SUBDIR "log"
 
 struct app_control_s {
         char *operation;
@@ -44,7 +47,7 @@ typedef struct {
         char **argv;
         char **envp;
         int null_fd;    /* /dev/null for stdin */
-        int log_fd;     /* VELNA_LOG_FILE for stdout and stderr, or -1 */
+        int log_fd;     /* the app's log, for stdout and stderr */
         int max_fd;     /* descriptor limit, for closing on exec without close_range */
 } spawn_plan;
 
@@ -64,6 +67,46 @@ static void spawn_plan_clear(spawn_plan *plan)
                 close(plan->null_fd);
         if (plan->log_fd >= 0)
                 close(plan->log_fd);
+}
+
+int app_manager_get_log_path(const char *app_id, char **path)
+{
+        if (!velna_app_id_is_valid(app_id) || !path)
+                return -EINVAL;
+
+        const char *log_file = getenv("VELNA_LOG_FILE");
+        if (log_file && *log_file) {
+                *path = strdup(log_file);
+                return *path ? 0 : -ENOMEM;
+        }
+        char *runtime = NULL;
+        int r = velna_runtime_dir(&runtime);
+        if (r < 0)
+                return r;
+        *path = g_strdup_printf("%s/" LOG_SUBDIR "/%s.log", runtime, app_id);
+        free(runtime);
+        return 0;
+}
+
+/* The descriptor that becomes the app's stdout and stderr. Never one of the launcher's
+ * own streams: a launcher in a shell pipeline would otherwise be held open by the app
+ * until the app exits. /dev/null when the log cannot be opened (with a log line). */
+static int open_app_log(const char *app_id)
+{
+        char *path = NULL;
+        int fd = -1;
+        if (app_manager_get_log_path(app_id, &path) == 0) {
+                char *dir = g_path_get_dirname(path);
+                if (!getenv("VELNA_LOG_FILE") || !*getenv("VELNA_LOG_FILE"))
+                        (void)mkdir(dir, 0700); /* inside the 0700 runtime directory */
+                g_free(dir);
+                fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+                if (fd < 0)
+                        dlog_print(DLOG_WARN, LOG_TAG, "output of %s goes to /dev/null: %s: %s",
+                                   app_id, path, strerror(errno));
+        }
+        g_free(path);
+        return fd >= 0 ? fd : open("/dev/null", O_WRONLY | O_CLOEXEC);
 }
 
 static int spawn_plan_make(const char *app_id, const char *exec, const char *operation,
@@ -97,10 +140,8 @@ static int spawn_plan_make(const char *app_id, const char *exec, const char *ope
                                ? (int)lim.rlim_cur
                                : 65536;
         plan->null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        const char *log_file = getenv("VELNA_LOG_FILE");
-        if (log_file && *log_file)
-                plan->log_fd = open(log_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        return plan->null_fd < 0 ? -EIO : 0;
+        plan->log_fd = open_app_log(app_id);
+        return plan->null_fd < 0 || plan->log_fd < 0 ? -EIO : 0;
 }
 
 static void write_int(int fd, int value)
@@ -121,9 +162,8 @@ _Noreturn static void spawn_exec(const spawn_plan *plan, int report_fd)
         for (int sig = 1; sig < NSIG; sig++)
                 sigaction(sig, &dfl, NULL);
 
-        if (dup2(plan->null_fd, STDIN_FILENO) < 0 ||
-            (plan->log_fd >= 0 && (dup2(plan->log_fd, STDOUT_FILENO) < 0 ||
-                                   dup2(plan->log_fd, STDERR_FILENO) < 0))) {
+        if (dup2(plan->null_fd, STDIN_FILENO) < 0 || dup2(plan->log_fd, STDOUT_FILENO) < 0 ||
+            dup2(plan->log_fd, STDERR_FILENO) < 0) {
                 write_int(report_fd, errno);
                 _exit(127);
         }
