@@ -23,6 +23,7 @@
 
 #include "bundle_internal.h"
 #include "channel_internal.h"
+#include "monitor_tap_internal.h"
 #include "runtime_internal.h"
 
 #define LOG_TAG "VELNA"
@@ -428,8 +429,10 @@ int message_port_send_message(const char *remote_app_id, const char *remote_port
                 if (r == 0)
                         r = velna_channel_send_owned(channel, raw, len);
         }
-        if (r == 0)
+        if (r == 0) {
                 raw = NULL; /* the channel releases it once written */
+                velna_monitor_tap_message(remote_app_id, remote_port, message);
+        }
         if (r == -EAGAIN)
                 dlog_print(DLOG_ERROR, LOG_TAG,
                            "message to %s port %s refused: more than %u bytes already queued",

@@ -17,6 +17,7 @@
 
 #include "byteorder_internal.h"
 #include "channel_internal.h"
+#include "monitor_tap_internal.h"
 #include "rpc_port_internal.h"
 
 enum {
@@ -162,7 +163,10 @@ int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port)
                 return -EIO;
 
         static const unsigned char empty;
-        return velna_channel_send(port->channel, h->data ? h->data : &empty, h->len);
+        int r = velna_channel_send(port->channel, h->data ? h->data : &empty, h->len);
+        if (r == 0)
+                velna_monitor_tap_parcel(port->channel, h->data, h->len);
+        return r;
 }
 
 int rpc_port_parcel_destroy(rpc_port_parcel_h h)
