@@ -2,11 +2,17 @@
 
 #include <json-glib/json-glib.h>
 
-#include <memory>
+#include <cstring>
+
+#include "Output.h"
 
 namespace cli {
 
 namespace {
+
+// The answer that the library makes itself when an app does not come up in time.
+const char kLibraryFailure[] = "{\"result\":\"Failure\"}";
+const char kSuccessCode[] = "ACTION_EXECUTION_SUCCESS";
 
 struct TextWalk {
   std::string out;
@@ -29,18 +35,13 @@ void AppendEntryText(const char *key, const int type, const bundle_keyval_t *kv,
   walk->out += "\n";
 }
 
-// A JSON node for a string value: parsed JSON for "appContext", else the string.
+// A JSON node for a string value: the JSON it holds for "result" and "appContext",
+// else the string.
 JsonNode *ValueNode(const char *key, const char *text) {
-  if (std::string(key) == "appContext" && *text) {
-    std::unique_ptr<JsonParser, decltype(&g_object_unref)> parser(json_parser_new(),
-                                                                  g_object_unref);
-    if (json_parser_load_from_data(parser.get(), text, -1, nullptr) &&
-        json_parser_get_root(parser.get()))
-      return json_node_copy(json_parser_get_root(parser.get()));
-  }
-  JsonNode *node = json_node_new(JSON_NODE_VALUE);
-  json_node_set_string(node, text);
-  return node;
+  std::string name = key;
+  JsonNode *parsed = name == "appContext" || name == "result" ? ParseJsonContainer(text)
+                                                               : nullptr;
+  return parsed ? parsed : StringNode(text);
 }
 
 void AppendEntryJson(const char *key, const int type, const bundle_keyval_t *kv, void *data) {
@@ -69,24 +70,24 @@ std::string AnswerAsText(const std::string &appId, bundle *answer) {
   return walk.out;
 }
 
-std::string AnswerAsJson(const std::string &appId, bundle *answer) {
+JsonNode *AnswerAsJson(const std::string &appId, bundle *answer) {
   JsonObject *fields = json_object_new();
   bundle_foreach(answer, AppendEntryJson, fields);
   JsonObject *top = json_object_new();
   json_object_set_string_member(top, "app", appId.c_str());
   json_object_set_object_member(top, "answer", fields);  // takes fields over
-
   JsonNode *root = json_node_new(JSON_NODE_OBJECT);
   json_node_take_object(root, top);
-  JsonGenerator *generator = json_generator_new();
-  json_generator_set_pretty(generator, TRUE);
-  json_generator_set_root(generator, root);
-  gchar *text = json_generator_to_data(generator, nullptr);
-  std::string out = std::string(text) + "\n";
-  g_free(text);
-  g_object_unref(generator);
-  json_node_unref(root);
-  return out;
+  return root;
+}
+
+bool IsFailureAnswer(bundle *answer) {
+  char *text = nullptr;
+  if (bundle_get_str(answer, "result", &text) == 0 && text &&
+      std::strcmp(text, kLibraryFailure) == 0)
+    return true;
+  return bundle_get_str(answer, "status_code", &text) == 0 && text &&
+         std::strcmp(text, kSuccessCode) != 0;
 }
 
 }  // namespace cli

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Output.h"
 #include "RequestRunner.h"
 
 namespace cli {
@@ -52,7 +53,7 @@ std::string OrNotDeclared(const std::string &value) {
 }  // namespace
 
 bool AppExplainer::onMetadata(const char *key, const char *value, void *data) {
-  auto *facts = static_cast<Facts *>(data);
+  auto *facts = static_cast<AppFacts *>(data);
   if (std::strncmp(key, kKeyPrefix, sizeof kKeyPrefix - 1) != 0) return true;
   std::string path = key + sizeof kKeyPrefix - 1;
   if (path == "companion-app/version") facts->version = value;
@@ -66,8 +67,10 @@ bool AppExplainer::onMetadata(const char *key, const char *value, void *data) {
   return true;
 }
 
-int AppExplainer::readManifest(Facts *facts) {
-  int r = CheckInstalled(facts->appId);
+int AppExplainer::gather(const CliOptions &options, const std::string &appId,
+                         AppFacts *facts) {
+  facts->appId = appId;
+  int r = CheckInstalled(options, appId);
   if (r != kExitOk) return r;
   app_info_h info = nullptr;
   app_info_create(facts->appId.c_str(), &info);
@@ -84,15 +87,20 @@ int AppExplainer::readManifest(Facts *facts) {
   // The library's rule: an alias app's package does not begin with its info package.
   facts->alias = !facts->package.empty() && !facts->infoPackage.empty() &&
                  facts->package.compare(0, facts->infoPackage.size(), facts->infoPackage) != 0;
+
+  char *log = nullptr;
+  if (app_manager_get_log_path(appId.c_str(), &log) == 0) facts->logPath = log;
+  free(log);
+  probeReachability(facts);
   return kExitOk;
 }
 
-bool AppExplainer::viaRpcPort(const Facts &facts) const {
+bool AppExplainer::viaRpcPort(const AppFacts &facts) {
   return facts.alias ||
          (facts.hasSdkVersion && facts.sdkVersion.find("1.0-alpha") == std::string::npos);
 }
 
-void AppExplainer::probeReachability(Facts *facts) {
+void AppExplainer::probeReachability(AppFacts *facts) {
   app_manager_is_running(facts->appId.c_str(), &facts->running);
   if (!facts->running) {
     facts->reachableHow = "it does not run; the library would launch it";
@@ -123,29 +131,32 @@ void AppExplainer::probeReachability(Facts *facts) {
                                    : "it runs but does not accept rpc-port connections yet";
 }
 
-void AppExplainer::printText(const Facts &f) const {
-  std::string mechanism =
-      f.alias ? "rpc-port (interface \"message\"): actions to an alias app always use it"
-      : viaRpcPort(f) ? "rpc-port (interface \"message\"): its SDK version " + f.sdkVersion +
-                            " does not contain \"1.0-alpha\""
-      : f.hasSdkVersion ? "message port TALVO_APP_SDK_PORT_516: its SDK version " +
-                              f.sdkVersion + " contains \"1.0-alpha\""
-                        : "message port TALVO_APP_SDK_PORT_516: it declares no SDK version";
+std::string AppExplainer::mechanismWhy(const AppFacts &f) {
+  return f.alias ? "rpc-port (interface \"message\"): actions to an alias app always use it"
+         : viaRpcPort(f) ? "rpc-port (interface \"message\"): its SDK version " + f.sdkVersion +
+                               " does not contain \"1.0-alpha\""
+         : f.hasSdkVersion ? "message port TALVO_APP_SDK_PORT_516: its SDK version " +
+                                 f.sdkVersion + " contains \"1.0-alpha\""
+                           : "message port TALVO_APP_SDK_PORT_516: it declares no SDK version";
+}
+
+void AppExplainer::printText(const AppFacts &f) {
   std::string actions;
   for (const std::string &id : f.actionIds) actions += (actions.empty() ? "" : ", ") + id;
   std::printf("app:           %s\ninstalled:     yes\nversion:       %s\n", f.appId.c_str(),
               OrNotDeclared(f.version).c_str());
   std::printf("capsule id:    %s\nSDK version:   %s\nmechanism:     %s\n",
               OrNotDeclared(f.capsuleId).c_str(), OrNotDeclared(f.sdkVersion).c_str(),
-              mechanism.c_str());
+              mechanismWhy(f).c_str());
   std::printf("alias app:     %s (package %s, info package %s)\n", f.alias ? "yes" : "no",
               f.package.c_str(), f.infoPackage.c_str());
   std::printf("running:       %s\nreachable now: %s (%s)\naction ids:    %s\n",
               f.running ? "yes" : "no", f.reachable ? "yes" : "no", f.reachableHow.c_str(),
               actions.empty() ? "(none declared)" : actions.c_str());
+  std::printf("app output:    %s\n", f.logPath.empty() ? "(unknown)" : f.logPath.c_str());
 }
 
-void AppExplainer::printJson(const Facts &f) const {
+JsonNode *AppExplainer::asJson(const AppFacts &f) {
   JsonBuilder *b = json_builder_new();
   json_builder_begin_object(b);
   auto member = [b](const char *name, const std::string &value) {
@@ -165,6 +176,7 @@ void AppExplainer::printJson(const Facts &f) const {
   member("capsuleId", f.capsuleId);
   member("sdkVersion", f.sdkVersion);
   member("mechanism", viaRpcPort(f) ? "rpc-port" : "message-port");
+  member("mechanismReason", mechanismWhy(f));
   flag("alias", f.alias);
   member("package", f.package);
   member("infoPackage", f.infoPackage);
@@ -175,30 +187,21 @@ void AppExplainer::printJson(const Facts &f) const {
   json_builder_begin_array(b);
   for (const std::string &id : f.actionIds) json_builder_add_string_value(b, id.c_str());
   json_builder_end_array(b);
+  member("appLog", f.logPath);
   json_builder_end_object(b);
-
   JsonNode *root = json_builder_get_root(b);
-  JsonGenerator *generator = json_generator_new();
-  json_generator_set_pretty(generator, TRUE);
-  json_generator_set_root(generator, root);
-  gchar *text = json_generator_to_data(generator, nullptr);
-  std::printf("%s\n", text);
-  g_free(text);
-  g_object_unref(generator);
-  json_node_unref(root);
   g_object_unref(b);
+  return root;
 }
 
-int AppExplainer::run() {
-  Facts facts;
-  facts.appId = options_.args[0];
-  int r = readManifest(&facts);
+int RunExplain(const CliOptions &options) {
+  AppFacts facts;
+  int r = AppExplainer::gather(options, options.args[0], &facts);
   if (r != kExitOk) return r;
-  probeReachability(&facts);
-  if (options_.json)
-    printJson(facts);
+  if (options.json != JsonStyle::kNone)
+    PrintJson(options.json, AppExplainer::asJson(facts));
   else
-    printText(facts);
+    AppExplainer::printText(facts);
   return kExitOk;
 }
 

@@ -1,6 +1,8 @@
 #include "RequestRunner.h"
 
+#include <app_control.h>
 #include <app_info.h>
+#include <app_manager.h>
 #include <gio/gio.h>
 #include <talvo_proxy.h>
 #include <velna_main_loop.h>
@@ -10,12 +12,15 @@
 #include <cstring>
 
 #include "AnswerPrinter.h"
+#include "Library.h"
+#include "Output.h"
 
 namespace cli {
 
 namespace {
 
-const char kFailureAnswer[] = "{\"result\":\"Failure\"}";
+const char kLaunchOperation[] = "http://velna.org/appcontrol/operation/talvo";
+const int kActionSeconds = 40, kStateSeconds = 15, kLaunchSeconds = 10;
 
 std::string Meaning(int code) {
   switch (code) {
@@ -39,94 +44,131 @@ bundle *MakeRequest(const CliOptions &options) {
   return request;
 }
 
+void OnAnswer(const char *appId, bundle *answer, void *data) {
+  auto *request = static_cast<Request *>(data);
+  std::string id = appId ? appId : "";
+  request->answered = true;
+  request->exitCode = IsFailureAnswer(answer) ? kExitFailed : kExitOk;
+  if (request->options.json == JsonStyle::kNone) {
+    if (request->line) std::printf("line %d: answer\n", request->line);
+    std::fputs(AnswerAsText(id, answer).c_str(), stdout);
+    std::fflush(stdout);
+    return;
+  }
+  JsonNode *root = AnswerAsJson(id, answer);
+  JsonObject *object = json_node_get_object(root);
+  if (request->line) json_object_set_int_member(object, "line", request->line);
+  json_object_set_int_member(object, "exitCode", request->exitCode);
+  json_object_set_string_member(object, "meaning", ExitCodeMeaning(request->exitCode));
+  PrintJson(request->options.json, root);
+}
+
+bool Answered(void *request) { return static_cast<Request *>(request)->answered; }
+
+// One request as a command of its own: send, wait, report.
+int RunRequest(const CliOptions &options, bool isState) {
+  Request request;
+  request.options = options;
+  request.isState = isState;
+  int r = SendRequest(&request);
+  if (r != kExitOk) return r;
+  int seconds = options.timeoutSeconds ? options.timeoutSeconds
+                : isState              ? kStateSeconds
+                                       : kActionSeconds;
+  if (velna_main_loop_run_until(Answered, &request, seconds * 1000) == 1)
+    r = request.exitCode;
+  else
+    r = ReportNoAnswer(request, seconds);
+  Library::release();
+  return r;
+}
+
 }  // namespace
 
-int CheckInstalled(const std::string &appId) {
+int CheckInstalled(const CliOptions &options, const std::string &appId) {
   app_info_h info = nullptr;
   int r = app_info_create(appId.c_str(), &info);
   if (r == 0) {
     app_info_destroy(info);
     return kExitOk;
   }
+  if (r == -22) return Fail(options, kExitUsage, "'" + appId + "' is not a valid app id");
   const char *dir = std::getenv("VELNA_APPS_DIR");
-  if (r == -22) {
-    std::fprintf(stderr, "talvo-cli: '%s' is not a valid app id\n", appId.c_str());
-    return kExitUsage;
-  }
   if (r == -2)
-    std::fprintf(stderr, "talvo-cli: app '%s' is not installed (no %s.app in %s)\n",
-                 appId.c_str(), appId.c_str(), dir ? dir : "the default apps directory");
-  else
-    std::fprintf(stderr, "talvo-cli: the manifest of '%s' cannot be read (error %d)\n",
-                 appId.c_str(), r);
-  return kExitEnvironment;
+    return Fail(options, kExitEnvironment,
+                "app '" + appId + "' is not installed (no " + appId + ".app in " +
+                    (dir ? dir : "the default apps directory") + ")");
+  return Fail(options, kExitEnvironment,
+              "the manifest of '" + appId + "' cannot be read (error " + std::to_string(r) + ")");
 }
 
-void RequestRunner::onAnswer(const char *appId, bundle *result, void *self) {
-  auto *runner = static_cast<RequestRunner *>(self);
-  std::string id = appId ? appId : "";
-  runner->printed_ = runner->options_.json ? AnswerAsJson(id, result) : AnswerAsText(id, result);
-  char *text = nullptr;
-  runner->failureAnswer_ = bundle_get_str(result, "result", &text) == 0 &&
-                           std::strcmp(text, kFailureAnswer) == 0;
-  runner->answered_ = true;
-}
-
-int RequestRunner::waitForAnswer(int defaultTimeoutSeconds) {
-  int seconds = options_.timeoutSeconds ? options_.timeoutSeconds : defaultTimeoutSeconds;
-  auto done = [](void *self) { return static_cast<RequestRunner *>(self)->answered_; };
-  if (velna_main_loop_run_until(done, this, seconds * 1000) != 1) {
-    std::fprintf(stderr, "talvo-cli: no answer from '%s' within %d s\n",
-                 options_.args[0].c_str(), seconds);
-    return kExitTimeout;
-  }
-  std::fputs(printed_.c_str(), stdout);
-  return failureAnswer_ ? kExitFailed : kExitOk;
-}
-
-int RequestRunner::runRequest(bool isState) {
-  const std::string &appId = options_.args[0];
-  int r = CheckInstalled(appId);
+int SendRequest(Request *request) {
+  const CliOptions &options = request->options;
+  const std::string &appId = options.args[0];
+  int r = CheckInstalled(options, appId);
   if (r != kExitOk) return r;
 
-  r = talvo_proxy_initialize();
-  if (r != 0) {
-    std::fprintf(stderr, "talvo-cli: the library could not start (%d)\n", r);
-    return kExitFailed;
-  }
-  bundle *request = MakeRequest(options_);
-  r = isState ? talvo_proxy_app_state_request(appId.c_str(), request, onAnswer, this)
-              : talvo_proxy_app_action_execution(appId.c_str(), request, onAnswer, this);
-  bundle_free(request);
-  int exitCode;
-  if (r != 0) {
-    std::fprintf(stderr, "talvo-cli: the request was refused: %d (%s)\n", r,
-                 Meaning(r).c_str());
-    exitCode = kExitFailed;
-  } else {
-    exitCode = waitForAnswer(isState ? 15 : 40);
-  }
-  talvo_proxy_deinitialize();
-  return exitCode;
+  Library::watchLog();
+  r = Library::acquire();
+  if (r != 0) return Fail(options, kExitFailed, "the library could not start (" +
+                                                    std::to_string(r) + ")");
+  request->logMark = Library::logMark();
+  bundle *data = MakeRequest(options);
+  r = request->isState
+          ? talvo_proxy_app_state_request(appId.c_str(), data, OnAnswer, request)
+          : talvo_proxy_app_action_execution(appId.c_str(), data, OnAnswer, request);
+  bundle_free(data);
+  if (r == 0) return kExitOk;
+  Library::release();
+  return Fail(options, kExitFailed,
+              "the request was refused: " + std::to_string(r) + " (" + Meaning(r) + ")");
 }
 
-int RequestRunner::runAction() { return runRequest(false); }
+int ReportNoAnswer(const Request &request, int seconds) {
+  const std::string &appId = request.options.args[0];
+  std::vector<std::string> reasons = Library::dropReasons(appId, request.logMark);
+  char *log = nullptr;
+  std::string appLog = app_manager_get_log_path(appId.c_str(), &log) == 0 ? log : "";
+  free(log);
 
-int RequestRunner::runState() { return runRequest(true); }
+  std::string message = "no answer from '" + appId + "' within " + std::to_string(seconds) +
+                        " s" + (request.line ? " (line " + std::to_string(request.line) + ")" : "");
+  if (request.options.json == JsonStyle::kNone) {
+    for (const std::string &reason : reasons) message += "\n  the library's log says: " + reason;
+    if (reasons.empty()) message += "\n  the library's log says nothing about it";
+    if (!appLog.empty()) message += "\n  the app's own output is in " + appLog;
+    return Fail(request.options, kExitTimeout, message);
+  }
+  JsonObject *details = json_object_new();
+  JsonArray *lines = json_array_new();
+  for (const std::string &reason : reasons) json_array_add_string_element(lines, reason.c_str());
+  json_object_set_array_member(details, "log", lines);
+  json_object_set_string_member(details, "app", appId.c_str());
+  if (request.line) json_object_set_int_member(details, "line", request.line);
+  if (!appLog.empty()) json_object_set_string_member(details, "appLog", appLog.c_str());
+  JsonNode *node = json_node_new(JSON_NODE_OBJECT);
+  json_node_take_object(node, details);
+  return Fail(request.options, kExitTimeout, message, node);
+}
 
-int RequestRunner::runFocused() {
+int RunAction(const CliOptions &options) { return RunRequest(options, false); }
+
+int RunState(const CliOptions &options) { return RunRequest(options, true); }
+
+int RunFocused(const CliOptions &options) {
   // Take the shared system-bus connection first: a missing bus is reported in one line,
   // and the library's name request then finds the connection ready.
   GError *error = nullptr;
   GDBusConnection *bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
   if (!bus) {
     const char *address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    std::fprintf(stderr, "talvo-cli: no system bus at %s (set DBUS_SYSTEM_BUS_ADDRESS): %s\n",
-                 address ? address : "the default address", error->message);
+    std::string message = std::string("no system bus at ") +
+                          (address ? address : "the default address") +
+                          " (use --address or DBUS_SYSTEM_BUS_ADDRESS): " + error->message;
     g_error_free(error);
-    return kExitEnvironment;
+    return Fail(options, kExitEnvironment, message);
   }
-  talvo_proxy_initialize();
+  Library::acquire();
   // The bus-acquired handler runs on the loop; let it run before asking.
   int turns = 0;
   auto settled = [](void *count) { return ++*static_cast<int *>(count) > 5; };
@@ -134,27 +176,74 @@ int RequestRunner::runFocused() {
 
   char *focused = talvo_proxy_get_focused_app_id();
   int exitCode = focused ? kExitOk : kExitFailed;
-  if (options_.json)
-    std::printf("{\n  \"focused\" : %s%s%s\n}\n", focused ? "\"" : "",
-                focused ? focused : "null", focused ? "\"" : "");
-  else
+  if (options.json != JsonStyle::kNone) {
+    JsonObject *object = json_object_new();
+    if (focused)
+      json_object_set_string_member(object, "focused", focused);
+    else
+      json_object_set_null_member(object, "focused");
+    json_object_set_int_member(object, "exitCode", exitCode);
+    PrintObject(options.json, object);
+  } else {
     std::printf("%s\n", focused ? focused : "no app has the focus (or no window manager answers)");
+  }
   free(focused);
-  talvo_proxy_deinitialize();
+  Library::release();
   g_object_unref(bus);
   return exitCode;
 }
 
-int RequestRunner::runRegistered() {
-  int r = CheckInstalled(options_.args[0]);
+int RunRegistered(const CliOptions &options) {
+  int r = CheckInstalled(options, options.args[0]);
   if (r != kExitOk) return r;
   bool registered =
-      talvo_proxy_is_action_registered(options_.args[0].c_str(), options_.args[1].c_str());
-  if (options_.json)
-    std::printf("{\n  \"registered\" : %s\n}\n", registered ? "true" : "false");
-  else
+      talvo_proxy_is_action_registered(options.args[0].c_str(), options.args[1].c_str());
+  if (options.json != JsonStyle::kNone) {
+    JsonObject *object = json_object_new();
+    json_object_set_boolean_member(object, "registered", registered);
+    json_object_set_int_member(object, "exitCode", registered ? kExitOk : kExitFailed);
+    PrintObject(options.json, object);
+  } else {
     std::printf("%s\n", registered ? "yes" : "no");
+  }
   return registered ? kExitOk : kExitFailed;
+}
+
+int RunLaunch(const CliOptions &options) {
+  const std::string &appId = options.args[0];
+  int r = CheckInstalled(options, appId);
+  if (r != kExitOk) return r;
+
+  app_control_h control = nullptr;
+  app_control_create(&control);
+  app_control_set_operation(control, kLaunchOperation);
+  app_control_set_app_id(control, appId.c_str());
+  r = app_control_send_launch_request(control, nullptr, nullptr);
+  app_control_destroy(control);
+  if (r != 0)
+    return Fail(options, kExitFailed, "'" + appId + "' cannot be launched (" +
+                                          std::to_string(r) + "); see the log with -l error");
+
+  int seconds = options.timeoutSeconds ? options.timeoutSeconds : kLaunchSeconds;
+  auto running = [](void *id) {
+    bool is = false;
+    app_manager_is_running(static_cast<const std::string *>(id)->c_str(), &is);
+    return is;
+  };
+  std::string id = appId;
+  if (velna_main_loop_run_until(running, &id, seconds * 1000) != 1)
+    return Fail(options, kExitTimeout, "'" + appId + "' does not run after " +
+                                           std::to_string(seconds) + " s");
+  if (options.json != JsonStyle::kNone) {
+    JsonObject *object = json_object_new();
+    json_object_set_string_member(object, "app", appId.c_str());
+    json_object_set_boolean_member(object, "running", true);
+    json_object_set_int_member(object, "exitCode", kExitOk);
+    PrintObject(options.json, object);
+  } else {
+    std::printf("%s runs\n", appId.c_str());
+  }
+  return kExitOk;
 }
 
 }  // namespace cli

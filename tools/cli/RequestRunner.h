@@ -1,5 +1,5 @@
-// Runs the requests of talvo-cli through the library's exported functions, on the
-// platform's main loop, and waits for their answers.
+// Requests of talvo-cli through the library's exported functions, on the platform's main
+// loop: sending them, printing their answers as they come, and telling why none came.
 #pragma once
 
 #include <bundle.h>
@@ -10,27 +10,34 @@
 
 namespace cli {
 
-class RequestRunner {
- public:
-  explicit RequestRunner(const CliOptions &options) : options_(options) {}
-
-  int runAction();
-  int runState();
-  int runFocused();
-  int runRegistered();
-
- private:
-  static void onAnswer(const char *appId, bundle *result, void *self);
-  int runRequest(bool isState);
-  int waitForAnswer(int defaultTimeoutSeconds);
-
-  const CliOptions &options_;
-  bool answered_ = false;
-  bool failureAnswer_ = false;
-  std::string printed_;  // the answer as printed, made inside the callback
+// One action or state request and what became of it. Lives until the process has
+// stopped waiting for it: the library keeps a pointer to it as callback data.
+struct Request {
+  CliOptions options;  // options.args[0] is the app, options.fields the request
+  bool isState = false;
+  int line = 0;        // its line in a script of run, 0 outside one
+  size_t logMark = 0;  // where the library's log stood when it was sent
+  bool answered = false;
+  int exitCode = kExitOk;  // of its answer, once answered
 };
 
-// Checks that appId is installed; prints one line and returns an exit code otherwise.
-int CheckInstalled(const std::string &appId);
+// Sends request through the library (acquired for it; release with Library::release
+// once done with the answer). 0 when sent; otherwise the failure has been reported and
+// its exit code is returned.
+int SendRequest(Request *request);
+
+// Reports that request got no answer within seconds, with what the library's log says
+// about it. Returns kExitTimeout.
+int ReportNoAnswer(const Request &request, int seconds);
+
+// Checks that appId is installed; reports it and returns an exit code otherwise.
+int CheckInstalled(const CliOptions &options, const std::string &appId);
+
+// Command handlers.
+int RunAction(const CliOptions &options);
+int RunState(const CliOptions &options);
+int RunFocused(const CliOptions &options);
+int RunRegistered(const CliOptions &options);
+int RunLaunch(const CliOptions &options);
 
 }  // namespace cli

@@ -1,0 +1,191 @@
+#include "Monitor.h"
+
+#include <glib-unix.h>
+#include <velna_monitor.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+
+#include "Output.h"
+
+namespace cli {
+
+namespace {
+
+// Command codes of the rpc-port interface "message": the first int32 of each parcel.
+const char *const kCommands[] = {"Result", "Callback", "SetCB", "UnsetCB", "Send"};
+
+struct Watch {
+  const CliOptions *options;
+  GMainLoop *loop;
+  int fd;
+  // Pieces seen so far of the chunked answer in flight, per sender, receiver and kind.
+  std::map<std::string, int> pieces;
+};
+
+std::string CommandName(const velna_monitor_record &r) {
+  if (r.mechanism == VELNA_MONITOR_MESSAGE_PORT) return r.port;
+  if (r.command >= 0 && r.command < int(G_N_ELEMENTS(kCommands))) return kCommands[r.command];
+  return r.command < 0 ? "(handshake)" : "command " + std::to_string(r.command);
+}
+
+std::string Cut(const std::string &value, int width) {
+  if (int(value.size()) <= width) return value;
+  return value.substr(0, size_t(width) - 3) + "...";
+}
+
+struct Entries {
+  std::string text;      // key=value pairs, values cut
+  JsonObject *json;      // key: value (bytes as {"bytes": n})
+  int width;
+};
+
+void AddEntry(const char *key, const int type, const bundle_keyval_t *kv, void *data) {
+  auto *entries = static_cast<Entries *>(data);
+  auto *entry = const_cast<bundle_keyval_t *>(kv);
+  void *value = nullptr;
+  size_t size = 0;
+  if (bundle_keyval_type_is_array(entry) == 1 ||
+      bundle_keyval_get_basic_val(entry, &value, &size) != 0) {
+    entries->text += std::string(" ") + key + "=(array)";
+    return;
+  }
+  if (type == BUNDLE_TYPE_STR) {
+    const char *text = static_cast<const char *>(value);
+    entries->text += std::string(" ") + key + "=" + Cut(text, entries->width);
+    json_object_set_string_member(entries->json, key, text);
+  } else {
+    entries->text += std::string(" ") + key + "=(" + std::to_string(size) + " bytes)";
+    JsonObject *bytes = json_object_new();
+    json_object_set_int_member(bytes, "bytes", gint64(size));
+    json_object_set_object_member(entries->json, key, bytes);
+  }
+}
+
+// Number of this piece within its chunked answer (0: not a piece), and whether it is
+// the last one.
+int Piece(Watch *watch, const velna_monitor_record &r, bool *last) {
+  char *marker = nullptr;
+  const char *kind = "result";
+  if (!r.message) return 0;
+  if (bundle_get_str(r.message, "last_chunk", &marker) != 0) {
+    kind = "appContext";
+    if (bundle_get_str(r.message, "app_state_last_chunk", &marker) != 0) return 0;
+  }
+  std::string key = std::string(r.sender) + " " + r.receiver + " " + kind;
+  int number = ++watch->pieces[key];
+  *last = std::strcmp(marker, "true") == 0;
+  if (*last) watch->pieces.erase(key);
+  return number;
+}
+
+bool Wanted(const CliOptions &options, const velna_monitor_record &r) {
+  if (options.args.empty()) return true;
+  for (const std::string &app : options.args)
+    if (app == r.sender || app == r.receiver) return true;
+  return false;
+}
+
+void Show(Watch *watch, const velna_monitor_record &r) {
+  const CliOptions &options = *watch->options;
+  if (!Wanted(options, r)) return;
+  bool last = false;
+  int piece = Piece(watch, r, &last);
+  Entries entries{"", json_object_new(), options.width};
+  if (r.message) bundle_foreach(r.message, AddEntry, &entries);
+
+  GDateTime *time = g_date_time_new_from_unix_local(r.time_us / G_USEC_PER_SEC);
+  gchar *clock = g_date_time_format(time, "%H:%M:%S");
+  const char *mechanism = r.mechanism == VELNA_MONITOR_RPC_PORT ? "rpc-port" : "message-port";
+  std::string sender = *r.sender ? r.sender : "pid " + std::to_string(r.sender_pid);
+  std::string receiver = *r.receiver ? r.receiver
+                         : r.receiver_pid ? "pid " + std::to_string(r.receiver_pid)
+                                          : "?";
+  if (options.json == JsonStyle::kNone) {
+    std::string extra;
+    if (piece) extra = " [piece " + std::to_string(piece) + (last ? ", last]" : "]");
+    if (r.left_out) extra += " (too large to copy)";
+    if (r.text) extra += std::string(" id=") + Cut(r.text, options.width);
+    std::printf("%s.%03d %s -> %s %s %s %zu B%s%s\n", clock,
+                int(r.time_us % G_USEC_PER_SEC / 1000), sender.c_str(), receiver.c_str(),
+                mechanism, CommandName(r).c_str(), r.size, extra.c_str(), entries.text.c_str());
+    std::fflush(stdout);
+    json_object_unref(entries.json);
+  } else {
+    JsonObject *line = json_object_new();
+    gchar *iso = g_date_time_format_iso8601(time);
+    json_object_set_string_member(line, "time", iso);
+    g_free(iso);
+    json_object_set_string_member(line, "sender", r.sender);
+    json_object_set_int_member(line, "senderPid", r.sender_pid);
+    json_object_set_string_member(line, "receiver", r.receiver);
+    json_object_set_int_member(line, "receiverPid", r.receiver_pid);
+    json_object_set_string_member(line, "mechanism", mechanism);
+    json_object_set_string_member(line, r.mechanism == VELNA_MONITOR_RPC_PORT ? "command" : "port",
+                                  CommandName(r).c_str());
+    json_object_set_int_member(line, "size", gint64(r.size));
+    if (r.text) json_object_set_string_member(line, "id", r.text);
+    if (piece) {
+      json_object_set_int_member(line, "piece", piece);
+      json_object_set_boolean_member(line, "lastPiece", last);
+    }
+    json_object_set_boolean_member(line, "copied", !r.left_out);
+    json_object_set_object_member(line, "keys", entries.json);
+    PrintObject(JsonStyle::kShort, line);
+  }
+  g_free(clock);
+  g_date_time_unref(time);
+}
+
+// Sources stay until RunMonitor removes them.
+gboolean OnStop(gpointer data) {
+  g_main_loop_quit(static_cast<Watch *>(data)->loop);
+  return G_SOURCE_CONTINUE;
+}
+
+gboolean OnReadable(gint, GIOCondition, gpointer data) {
+  auto *watch = static_cast<Watch *>(data);
+  velna_monitor_record record;
+  int r;
+  while ((r = velna_monitor_receive(watch->fd, &record)) != -EAGAIN) {
+    if (r == -EIO) return OnStop(watch);
+    if (r == 0) Show(watch, record);
+    velna_monitor_record_clear(&record);
+  }
+  return G_SOURCE_CONTINUE;
+}
+
+}  // namespace
+
+int RunMonitor(const CliOptions &options) {
+  Watch watch{&options, nullptr, -1, {}};
+  int r = velna_monitor_listen(&watch.fd);
+  if (r == -EBUSY)
+    return Fail(options, kExitEnvironment, "another monitor listens in this runtime directory");
+  if (r < 0)
+    return Fail(options, kExitEnvironment,
+                "cannot listen in the runtime directory (" + std::to_string(r) + ")");
+
+  watch.loop = g_main_loop_new(nullptr, FALSE);
+  guint readable = g_unix_fd_add(watch.fd, G_IO_IN, OnReadable, &watch);
+  guint interrupt = g_unix_signal_add(SIGINT, OnStop, &watch);
+  guint terminate = g_unix_signal_add(SIGTERM, OnStop, &watch);
+  guint timer = options.timeoutSeconds
+                    ? g_timeout_add_seconds(guint(options.timeoutSeconds), OnStop, &watch)
+                    : 0;
+  // Senders look for the tap at most once a second, so copies start within a second.
+  std::fprintf(stderr, "talvo-cli: monitoring; Ctrl-C stops\n");
+  g_main_loop_run(watch.loop);
+
+  for (guint source : {readable, interrupt, terminate, timer})
+    if (source) g_source_remove(source);
+  OnReadable(watch.fd, G_IO_IN, &watch);  // what arrived before the stop
+  velna_monitor_stop(watch.fd);
+  g_main_loop_unref(watch.loop);
+  return kExitOk;
+}
+
+}  // namespace cli
