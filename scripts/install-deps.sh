@@ -10,6 +10,7 @@ packages=(
   dbus-daemon dbus
   clang libclang-rt-14-dev llvm
   binutils procps
+  scdoc python3
 )
 
 missing=()

@@ -42,21 +42,29 @@ class Script {
   int exitCode() const { return exitCode_; }
 
  private:
-  void note(int code) {
-    if (exitCode_ == kExitOk) exitCode_ = code;
+  // Keeps the exit code of the earliest line that failed.
+  void note(int code, int line) {
+    if (code != kExitOk && (exitCode_ == kExitOk || line < failedLine_)) {
+      exitCode_ = code;
+      failedLine_ = line;
+    }
   }
   int lineError(int line, const std::string &message, int code);
   void send(const CliOptions &lineOptions, bool isState, int line);
   void markReplaced(const Request &newer);
-  bool allSettled();
+  // Settles every request that was answered, or whose wait ended by now (or by
+  // cutoff, when not 0); true when none is left pending.
+  bool settle(gint64 cutoff);
 
   CliOptions options_;
   std::vector<Pending> pending_;
   int exitCode_ = kExitOk;
+  int failedLine_ = 0;
+  gint64 cutoff_ = 0;  // end of the current wait SECONDS, or 0
 };
 
 int Script::lineError(int line, const std::string &message, int code) {
-  note(code);
+  note(code, line);
   return Fail(options_, code, "line " + std::to_string(line) + ": " + message);
 }
 
@@ -88,7 +96,7 @@ void Script::send(const CliOptions &lineOptions, bool isState, int line) {
   request->line = line;
   int r = SendRequest(request.get());
   if (r != kExitOk) {
-    note(r);
+    note(r, line);
     return;
   }
   markReplaced(*request);
@@ -99,34 +107,38 @@ void Script::send(const CliOptions &lineOptions, bool isState, int line) {
   pending_.push_back({std::move(request), deadline, seconds, false});
 }
 
-bool Script::allSettled() {
+bool Script::settle(gint64 cutoff) {
+  gint64 now = g_get_monotonic_time();
+  bool all = true;
   for (Pending &p : pending_) {
-    if (!p.settled && p.request->answered) {
-      p.settled = true;
-      note(p.request->exitCode);
-      Library::release();
+    if (p.settled) continue;
+    if (p.request->answered) {
+      note(p.request->exitCode, p.request->line);
+    } else if (now >= p.deadline || (cutoff && now >= cutoff)) {
+      gint64 sent = p.deadline - gint64(p.seconds) * G_USEC_PER_SEC;
+      gint64 end = cutoff && cutoff < p.deadline ? cutoff : p.deadline;
+      int waited = int((end - sent + G_USEC_PER_SEC / 2) / G_USEC_PER_SEC);
+      note(ReportNoAnswer(*p.request, waited), p.request->line);
+    } else {
+      all = false;
+      continue;
     }
-    if (!p.settled) return false;
+    p.settled = true;
+    Library::release();
   }
-  return true;
+  return all;
 }
 
 void Script::waitAll(int seconds) {
-  gint64 until = 0;
-  for (const Pending &p : pending_)
-    if (!p.settled) until = std::max(until, p.deadline);
-  if (seconds > 0) until = std::min(until, g_get_monotonic_time() + gint64(seconds) * G_USEC_PER_SEC);
-  int ms = int(std::max<gint64>(0, until - g_get_monotonic_time()) / 1000);
-  auto done = [](void *self) { return static_cast<Script *>(self)->allSettled(); };
-  if (!allSettled()) velna_main_loop_run_until(done, this, ms);
-  allSettled();
-  for (Pending &p : pending_) {
-    if (p.settled) continue;
-    p.settled = true;
-    int waited = seconds > 0 ? std::min(seconds, p.seconds) : p.seconds;
-    note(ReportNoAnswer(*p.request, waited));
-    Library::release();
+  cutoff_ = seconds > 0 ? g_get_monotonic_time() + gint64(seconds) * G_USEC_PER_SEC : 0;
+  auto done = [](void *self) {
+    auto *script = static_cast<Script *>(self);
+    return script->settle(script->cutoff_);
+  };
+  // Each pending request ends by its own deadline, so the loop needs no time-out of its own.
+  while (velna_main_loop_run_until(done, this, 1000) == 0) {
   }
+  cutoff_ = 0;
 }
 
 void Script::runLine(const std::string &text, int line) {
@@ -154,7 +166,7 @@ void Script::runLine(const std::string &text, int line) {
     } else {
       auto never = [](void *) { return false; };
       velna_main_loop_run_until(never, nullptr, seconds * 1000);
-      allSettled();
+      settle(0);
     }
     g_strfreev(words);
     return;
@@ -164,7 +176,7 @@ void Script::runLine(const std::string &text, int line) {
   int r = ParseCommandLine(int(argv.size()), argv.data(), &lineOptions);
   g_strfreev(words);
   if (r != kExitOk) {
-    note(r);
+    note(r, line);
     return;
   }
   if (lineOptions.address != options_.address || lineOptions.appsDir != options_.appsDir ||
@@ -181,7 +193,7 @@ void Script::runLine(const std::string &text, int line) {
   } else if (lineOptions.command == "action" || lineOptions.command == "state") {
     send(lineOptions, lineOptions.command == "state", line);
   } else {
-    note(FindCommand(lineOptions.command)->run(lineOptions));
+    note(FindCommand(lineOptions.command)->run(lineOptions), line);
   }
   std::fflush(stdout);
 }

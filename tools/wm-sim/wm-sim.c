@@ -20,7 +20,8 @@
 #define ERROR_NOT_ANSWERING "org.velna.WmSim.Error.NotAnswering"
 
 static const char usage_text[] =
-        "Usage: talvo-wm-sim [--address ADDRESS] [--layout 12|13]\n"
+        "Usage: talvo-wm-sim [-a|--address=ADDRESS] [-l|--layout=12|13] [-h|--help]\n"
+        "                    [-V|--version]\n"
         "\n"
         "Window-manager simulator. Connects to ADDRESS, or to the system bus\n"
         "(DBUS_SYSTEM_BUS_ADDRESS is honoured), owns \"" WM_BUS_NAME "\" and answers\n"
@@ -280,11 +281,12 @@ int main(int argc, char **argv)
 {
         gchar *address = NULL;
         gint layout = 12;
-        gboolean help = FALSE;
+        gboolean help = FALSE, version = FALSE;
         GOptionEntry entries[] = {
                 { "address", 'a', 0, G_OPTION_ARG_STRING, &address, "D-Bus address to use", "ADDRESS" },
                 { "layout", 'l', 0, G_OPTION_ARG_INT, &layout, "12 or 13 members per record", "N" },
                 { "help", 'h', 0, G_OPTION_ARG_NONE, &help, "Show this help", NULL },
+                { "version", 'V', 0, G_OPTION_ARG_NONE, &version, "Show the version", NULL },
                 { NULL, 0, 0, 0, NULL, NULL, NULL },
         };
         GError *error = NULL;
@@ -293,13 +295,19 @@ int main(int argc, char **argv)
         g_option_context_add_main_entries(options, entries, NULL);
         gboolean parsed = g_option_context_parse(options, &argc, &argv, &error);
         g_option_context_free(options);
-        if (help) {
+        if (parsed && help) {
                 fputs(usage_text, stdout);
                 return 0;
         }
-        if (!parsed || argc > 1 || (layout != 12 && layout != 13)) {
-                fprintf(stderr, "talvo-wm-sim: %s\n\n%s",
-                        error ? error->message : "invalid arguments", usage_text);
+        if (parsed && version) {
+                puts("talvo-wm-sim " TALVO_VERSION);
+                return 0;
+        }
+        /* GOption may leave the "--" that ended the options. */
+        gboolean only_dashes = argc == 2 && strcmp(argv[1], "--") == 0;
+        if (!parsed || (argc > 1 && !only_dashes) || (layout != 12 && layout != 13)) {
+                fprintf(stderr, "talvo-wm-sim: %s (see talvo-wm-sim --help)\n",
+                        error ? error->message : "--layout takes 12 or 13, and no argument follows");
                 g_clear_error(&error);
                 return 2;
         }
