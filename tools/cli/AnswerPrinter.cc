@@ -14,25 +14,18 @@ namespace {
 const char kLibraryFailure[] = "{\"result\":\"Failure\"}";
 const char kSuccessCode[] = "ACTION_EXECUTION_SUCCESS";
 
-struct TextWalk {
-  std::string out;
-};
-
-void AppendEntryText(const char *key, const int type, const bundle_keyval_t *kv, void *data) {
-  auto *walk = static_cast<TextWalk *>(data);
+void VisitEntry(const char *key, const int type, const bundle_keyval_t *kv, void *data) {
+  auto *visit = static_cast<const EntryVisitor *>(data);
   auto *entry = const_cast<bundle_keyval_t *>(kv);
   void *value = nullptr;
   size_t size = 0;
-  walk->out += std::string(key) + ": ";
-  if (bundle_keyval_type_is_array(entry) == 1)
-    walk->out += "(array)";
-  else if (bundle_keyval_get_basic_val(entry, &value, &size) != 0)
-    walk->out += "(unreadable)";
-  else if (type == BUNDLE_TYPE_STR)
-    walk->out += static_cast<const char *>(value);
-  else
-    walk->out += "(" + std::to_string(size) + " bytes)";
-  walk->out += "\n";
+  if (bundle_keyval_type_is_array(entry) == 1) {
+    (*visit)(key, EntryKind::kArray, nullptr, 0);
+  } else if (bundle_keyval_get_basic_val(entry, &value, &size) != 0) {
+    (*visit)(key, EntryKind::kUnreadable, nullptr, 0);
+  } else {
+    (*visit)(key, type == BUNDLE_TYPE_STR ? EntryKind::kString : EntryKind::kBytes, value, size);
+  }
 }
 
 // A JSON node for a string value: the JSON it holds for "result" and "appContext",
@@ -44,35 +37,38 @@ JsonNode *ValueNode(const char *key, const char *text) {
   return parsed ? parsed : StringNode(text);
 }
 
-void AppendEntryJson(const char *key, const int type, const bundle_keyval_t *kv, void *data) {
-  auto *object = static_cast<JsonObject *>(data);
-  auto *entry = const_cast<bundle_keyval_t *>(kv);
-  void *value = nullptr;
-  size_t size = 0;
-  if (bundle_keyval_type_is_array(entry) == 1 ||
-      bundle_keyval_get_basic_val(entry, &value, &size) != 0)
-    return;
-  if (type == BUNDLE_TYPE_STR) {
-    json_object_set_member(object, key, ValueNode(key, static_cast<const char *>(value)));
-  } else {
-    gchar *encoded = g_base64_encode(static_cast<const guchar *>(value), size);
-    json_object_set_string_member(object, key, encoded);
-    g_free(encoded);
-  }
-}
-
 }  // namespace
 
+void ForEachEntry(bundle *b, const EntryVisitor &visit) {
+  bundle_foreach(b, VisitEntry, const_cast<EntryVisitor *>(&visit));
+}
+
 std::string AnswerAsText(const std::string &appId, bundle *answer) {
-  TextWalk walk;
-  walk.out = "app: " + appId + "\n";
-  bundle_foreach(answer, AppendEntryText, &walk);
-  return walk.out;
+  std::string out = "app: " + appId + "\n";
+  ForEachEntry(answer, [&out](const char *key, EntryKind kind, const void *value, size_t size) {
+    out += std::string(key) + ": ";
+    if (kind == EntryKind::kString)
+      out += static_cast<const char *>(value);
+    else if (kind == EntryKind::kBytes)
+      out += "(" + std::to_string(size) + " bytes)";
+    else
+      out += kind == EntryKind::kArray ? "(array)" : "(unreadable)";
+    out += "\n";
+  });
+  return out;
 }
 
 JsonNode *AnswerAsJson(const std::string &appId, bundle *answer) {
   JsonObject *fields = json_object_new();
-  bundle_foreach(answer, AppendEntryJson, fields);
+  ForEachEntry(answer, [fields](const char *key, EntryKind kind, const void *value, size_t size) {
+    if (kind == EntryKind::kString) {
+      json_object_set_member(fields, key, ValueNode(key, static_cast<const char *>(value)));
+    } else if (kind == EntryKind::kBytes) {
+      gchar *encoded = g_base64_encode(static_cast<const guchar *>(value), size);
+      json_object_set_string_member(fields, key, encoded);
+      g_free(encoded);
+    }
+  });
   JsonObject *top = json_object_new();
   json_object_set_string_member(top, "app", appId.c_str());
   json_object_set_object_member(top, "answer", fields);  // takes fields over

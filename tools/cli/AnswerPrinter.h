@@ -5,9 +5,19 @@
 #include <bundle.h>
 #include <json-glib/json-glib.h>
 
+#include <functional>
 #include <string>
 
 namespace cli {
+
+enum class EntryKind { kString, kBytes, kArray, kUnreadable };
+// Called with each entry: value and size for a string (NUL-terminated) or byte value,
+// nullptr and 0 otherwise. value is borrowed from the bundle.
+using EntryVisitor =
+    std::function<void(const char *key, EntryKind kind, const void *value, size_t size)>;
+
+// Visits b's entries in order.
+void ForEachEntry(bundle *b, const EntryVisitor &visit);
 
 // Plain form: one "key: value" line per entry, in the bundle's order.
 std::string AnswerAsText(const std::string &appId, bundle *answer);

@@ -9,6 +9,7 @@
 #include <map>
 #include <string>
 
+#include "AnswerPrinter.h"
 #include "Output.h"
 
 namespace cli {
@@ -35,34 +36,6 @@ std::string CommandName(const velna_monitor_record &r) {
 std::string Cut(const std::string &value, int width) {
   if (int(value.size()) <= width) return value;
   return value.substr(0, size_t(width) - 3) + "...";
-}
-
-struct Entries {
-  std::string text;      // key=value pairs, values cut
-  JsonObject *json;      // key: value (bytes as {"bytes": n})
-  int width;
-};
-
-void AddEntry(const char *key, const int type, const bundle_keyval_t *kv, void *data) {
-  auto *entries = static_cast<Entries *>(data);
-  auto *entry = const_cast<bundle_keyval_t *>(kv);
-  void *value = nullptr;
-  size_t size = 0;
-  if (bundle_keyval_type_is_array(entry) == 1 ||
-      bundle_keyval_get_basic_val(entry, &value, &size) != 0) {
-    entries->text += std::string(" ") + key + "=(array)";
-    return;
-  }
-  if (type == BUNDLE_TYPE_STR) {
-    const char *text = static_cast<const char *>(value);
-    entries->text += std::string(" ") + key + "=" + Cut(text, entries->width);
-    json_object_set_string_member(entries->json, key, text);
-  } else {
-    entries->text += std::string(" ") + key + "=(" + std::to_string(size) + " bytes)";
-    JsonObject *bytes = json_object_new();
-    json_object_set_int_member(bytes, "bytes", gint64(size));
-    json_object_set_object_member(entries->json, key, bytes);
-  }
 }
 
 // Number of this piece within its chunked answer (0: not a piece), and whether it is
@@ -94,8 +67,24 @@ void Show(Watch *watch, const velna_monitor_record &r) {
   if (!Wanted(options, r)) return;
   bool last = false;
   int piece = Piece(watch, r, &last);
-  Entries entries{"", json_object_new(), options.width};
-  if (r.message) bundle_foreach(r.message, AddEntry, &entries);
+  // key=value pairs with values cut for the line, full values for JSON.
+  std::string pairs;
+  JsonObject *keys = json_object_new();
+  if (r.message)
+    ForEachEntry(r.message, [&](const char *key, EntryKind kind, const void *value, size_t size) {
+      pairs += std::string(" ") + key + "=";
+      if (kind == EntryKind::kString) {
+        pairs += Cut(static_cast<const char *>(value), options.width);
+        json_object_set_string_member(keys, key, static_cast<const char *>(value));
+      } else if (kind == EntryKind::kBytes) {
+        pairs += "(" + std::to_string(size) + " bytes)";
+        JsonObject *bytes = json_object_new();
+        json_object_set_int_member(bytes, "bytes", gint64(size));
+        json_object_set_object_member(keys, key, bytes);
+      } else {
+        pairs += "(array)";
+      }
+    });
 
   GDateTime *time = g_date_time_new_from_unix_local(r.time_us / G_USEC_PER_SEC);
   gchar *clock = g_date_time_format(time, "%H:%M:%S");
@@ -111,9 +100,9 @@ void Show(Watch *watch, const velna_monitor_record &r) {
     if (r.text) extra += std::string(" id=") + Cut(r.text, options.width);
     std::printf("%s.%03d %s -> %s %s %s %zu B%s%s\n", clock,
                 int(r.time_us % G_USEC_PER_SEC / 1000), sender.c_str(), receiver.c_str(),
-                mechanism, CommandName(r).c_str(), r.size, extra.c_str(), entries.text.c_str());
+                mechanism, CommandName(r).c_str(), r.size, extra.c_str(), pairs.c_str());
     std::fflush(stdout);
-    json_object_unref(entries.json);
+    json_object_unref(keys);
   } else {
     JsonObject *line = json_object_new();
     gchar *iso = g_date_time_format_iso8601(time);
@@ -133,7 +122,7 @@ void Show(Watch *watch, const velna_monitor_record &r) {
       json_object_set_boolean_member(line, "lastPiece", last);
     }
     json_object_set_boolean_member(line, "copied", !r.left_out);
-    json_object_set_object_member(line, "keys", entries.json);
+    json_object_set_object_member(line, "keys", keys);
     PrintObject(JsonStyle::kShort, line);
   }
   g_free(clock);
