@@ -41,15 +41,21 @@ typedef struct {
 } velna_monitor_record;
 
 /* Starts listening on the tap socket of the runtime directory: 0 and a non-blocking,
- * close-on-exec datagram descriptor in *fd (end it with velna_monitor_stop); -16 when
- * another monitor listens there, -36 when the path is too long, -5 on other errors. */
+ * close-on-exec listening descriptor in *fd (end it with velna_monitor_stop); -16 when
+ * another monitor listens there, -36 when the path is too long, -5 on other errors.
+ * Each sending process connects once; the descriptor is readable when one has. */
 int velna_monitor_listen(int *fd);
-/* Closes fd and removes the tap socket, so that senders stop copying within a second. */
+/* Takes a sender's connection waiting on the listening fd: 0 and a non-blocking,
+ * close-on-exec descriptor in *conn (the caller closes it), -11 when none waits, -5. */
+int velna_monitor_accept(int fd, int *conn);
+/* Closes the listening fd and removes the tap socket, so that senders stop copying
+ * within a second. */
 void velna_monitor_stop(int fd);
-/* Takes the next copy waiting on fd: 0 and a filled record (clear it with
- * velna_monitor_record_clear), -11 when none waits, -74 for a datagram that is not a
- * copy (skipped), -5 on errors. */
-int velna_monitor_receive(int fd, velna_monitor_record *record);
+/* Takes the next copy waiting on a connection: 0 and a filled record (clear it with
+ * velna_monitor_record_clear), -11 when none waits, -32 once the sender has gone (close
+ * conn), -74 for a packet that is not a copy (skipped). Copies of one sender arrive in
+ * the order sent. */
+int velna_monitor_receive(int conn, velna_monitor_record *record);
 void velna_monitor_record_clear(velna_monitor_record *record);
 
 #ifdef __cplusplus

@@ -1,11 +1,14 @@
 /* The monitor tap: senders copy what they send to a listening monitor (the hooks of
  * monitor_tap_internal.h), and the monitor's side of the socket (velna_monitor.h).
  *
- * A sender never connects: each copy is one sendto on an unbound datagram socket with
- * MSG_DONTWAIT, so a slow monitor costs a dropped copy, never a wait. Whether a monitor
+ * The tap socket is a listening SOCK_SEQPACKET socket: each sender that finds it makes
+ * one non-blocking connection and sends each copy as one packet with MSG_DONTWAIT, so a
+ * slow monitor costs dropped copies, never a wait. A connection (unlike datagrams to an
+ * unconnected socket, which the kernel caps at a handful queued) holds a burst as large
+ * as the socket buffer, such as every piece of a chunked answer. Whether a monitor
  * listens is known from the socket file, looked at once per second at most (a coarse
- * clock read per message is all that a send pays meanwhile); a copy refused because
- * nobody is bound there any longer clears the flag at once. */
+ * clock read per message is all that a send pays meanwhile); a connection that breaks
+ * is closed at once and made again after the next look. */
 #include "monitor_tap_internal.h"
 
 #include <app_manager.h>
@@ -30,8 +33,9 @@
 
 #define CHECK_INTERVAL_NS 1000000000LL
 #define STRING_MAX 0xffffu
-#define DATAGRAM_MAX (VELNA_MONITOR_HEADER_SIZE + 3u * (2u + STRING_MAX) + VELNA_MONITOR_MAX_PAYLOAD)
+#define PACKET_MAX (VELNA_MONITOR_HEADER_SIZE + 3u * (2u + STRING_MAX) + VELNA_MONITOR_MAX_PAYLOAD)
 #define MONITOR_RCVBUF (4 * 1024 * 1024)
+
 
 /* Parcel field tags, as parcel.c writes them. */
 enum { FIELD_INT32 = 1, FIELD_BOOL = 2, FIELD_STRING = 3, FIELD_BUNDLE = 4 };
@@ -41,8 +45,15 @@ static struct {
         struct sockaddr_un addr;
         int64_t next_check_ns;
         bool listening;
-        int fd;                  /* unbound datagram socket for copies, or -1 */
+        int fd;                  /* connection to the monitor, or -1 */
 } tap = { .fd = -1 };
+
+static void tap_disconnect(void)
+{
+        if (tap.fd >= 0)
+                close(tap.fd);
+        tap.fd = -1;
+}
 
 static int tap_socket_path(struct sockaddr_un *addr)
 {
@@ -78,6 +89,15 @@ static bool tap_listening(void)
         struct stat st;
         tap.listening = tap.path_state == 1 && stat(tap.addr.sun_path, &st) == 0 &&
                         S_ISSOCK(st.st_mode);
+        if (!tap.listening)
+                tap_disconnect();
+        if (tap.listening && tap.fd < 0) {
+                tap.fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+                if (tap.fd >= 0 &&
+                    connect(tap.fd, (struct sockaddr *)&tap.addr, sizeof(tap.addr)) < 0)
+                        tap_disconnect(); /* a socket file left behind, or a full backlog */
+                tap.listening = tap.fd >= 0;
+        }
         return tap.listening;
 }
 
@@ -95,11 +115,12 @@ static unsigned char *put_string(unsigned char *out, const char *s)
 static void tap_send(velna_monitor_mechanism_e mechanism, const char *receiver, const char *port,
                      pid_t receiver_pid, const void *payload, size_t len)
 {
-        if (tap.fd < 0)
-                tap.fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         bool left_out = !payload || len > VELNA_MONITOR_MAX_PAYLOAD;
-        size_t size = VELNA_MONITOR_HEADER_SIZE + 3u * (2u + STRING_MAX) + (left_out ? 0 : len);
-        unsigned char *buf = tap.fd < 0 ? NULL : malloc(size);
+        const char *sender = velna_self_app_id();
+        size_t size = VELNA_MONITOR_HEADER_SIZE + 6u + (sender ? strnlen(sender, STRING_MAX) : 0) +
+                      (receiver ? strnlen(receiver, STRING_MAX) : 0) +
+                      (port ? strnlen(port, STRING_MAX) : 0) + (left_out ? 0 : len);
+        unsigned char *buf = malloc(size);
         if (!buf)
                 return;
 
@@ -113,7 +134,7 @@ static void tap_send(velna_monitor_mechanism_e mechanism, const char *receiver, 
         velna_put_le32(buf + 16, (uint32_t)getpid());
         velna_put_le32(buf + 20, (uint32_t)receiver_pid);
         velna_put_le32(buf + 24, (uint32_t)len);
-        unsigned char *out = put_string(buf + VELNA_MONITOR_HEADER_SIZE, velna_self_app_id());
+        unsigned char *out = put_string(buf + VELNA_MONITOR_HEADER_SIZE, sender);
         out = put_string(out, receiver);
         out = put_string(out, port);
         if (!left_out) {
@@ -121,10 +142,15 @@ static void tap_send(velna_monitor_mechanism_e mechanism, const char *receiver, 
                 out += len;
         }
 
-        ssize_t n = sendto(tap.fd, buf, (size_t)(out - buf), MSG_DONTWAIT | MSG_NOSIGNAL,
-                           (struct sockaddr *)&tap.addr, sizeof(tap.addr));
-        if (n < 0 && (errno == ECONNREFUSED || errno == ENOENT))
-                tap.listening = false; /* the monitor has gone; look again in a second */
+        ssize_t n = send(tap.fd, buf, (size_t)(out - buf), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS) {
+                /* The monitor that this connection led to has gone; a new one may
+                 * listen already (a restart), so look at once, and once only. */
+                tap_disconnect();
+                tap.next_check_ns = 0;
+                if (tap_listening())
+                        send(tap.fd, buf, (size_t)(out - buf), MSG_DONTWAIT | MSG_NOSIGNAL);
+        }
         free(buf);
 }
 
@@ -164,12 +190,17 @@ int velna_monitor_listen(int *fd)
         if (r < 0)
                 return r == -ENAMETOOLONG ? r : -EIO;
 
-        int s = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        int s = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         if (s < 0)
                 return -EIO;
         /* A socket file that accepts a connection belongs to a live monitor; one that
          * refuses is left over from a monitor that died, and is replaced. */
-        if (connect(s, (struct sockaddr *)&addr, sizeof(addr)) == 0) {
+        int probe = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        bool busy = probe >= 0 && (connect(probe, (struct sockaddr *)&addr, sizeof(addr)) == 0 ||
+                                   errno == EAGAIN);
+        if (probe >= 0)
+                close(probe);
+        if (busy) {
                 close(s);
                 return -EBUSY;
         }
@@ -178,13 +209,36 @@ int velna_monitor_listen(int *fd)
         mode_t old = umask(0077);
         r = bind(s, (struct sockaddr *)&addr, sizeof(addr));
         umask(old);
+        if (r == 0)
+                r = listen(s, SOMAXCONN);
         if (r < 0) {
                 close(s);
                 return errno == EADDRINUSE ? -EBUSY : -EIO;
         }
-        int size = MONITOR_RCVBUF;
-        setsockopt(s, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
         *fd = s;
+        return 0;
+}
+
+int velna_monitor_accept(int fd, int *conn)
+{
+        if (fd < 0 || !conn)
+                return -EINVAL;
+
+        int c = accept4(fd, NULL, NULL, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (c < 0)
+                return errno == EAGAIN || errno == EWOULDBLOCK || errno == ECONNABORTED ? -EAGAIN
+                                                                                          : -EIO;
+        /* Refuse what another user's process might have connected (the directory and
+         * the socket's mode keep them out already). */
+        struct ucred cred;
+        socklen_t len = sizeof(cred);
+        if (getsockopt(c, SOL_SOCKET, SO_PEERCRED, &cred, &len) < 0 || cred.uid != getuid()) {
+                close(c);
+                return -EAGAIN;
+        }
+        int size = MONITOR_RCVBUF;
+        setsockopt(c, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
+        *conn = c;
         return 0;
 }
 
@@ -251,11 +305,14 @@ int velna_monitor_receive(int fd, velna_monitor_record *record)
         if (fd < 0 || !record)
                 return -EINVAL;
 
-        unsigned char *buf = malloc(DATAGRAM_MAX);
+        unsigned char *buf = malloc(PACKET_MAX);
         if (!buf)
                 return -ENOMEM;
-        ssize_t n = recv(fd, buf, DATAGRAM_MAX, MSG_DONTWAIT);
-        int r = n >= 0 ? 0 : errno == EAGAIN || errno == EWOULDBLOCK ? -EAGAIN : -EIO;
+        ssize_t n = recv(fd, buf, PACKET_MAX, MSG_DONTWAIT);
+        int r = n > 0                                  ? 0
+                : n == 0                               ? -EPIPE
+                : errno == EAGAIN || errno == EWOULDBLOCK ? -EAGAIN
+                                                       : -EPIPE;
         const unsigned char *end = buf + (n > 0 ? n : 0);
         if (r == 0 && (n < (ssize_t)VELNA_MONITOR_HEADER_SIZE ||
                        memcmp(buf, VELNA_MONITOR_MAGIC, VELNA_MONITOR_MAGIC_LEN) != 0))

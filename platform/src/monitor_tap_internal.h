@@ -1,10 +1,10 @@
 /* Shared internals: the monitor tap. While a monitor listens on the tap socket of the
  * runtime directory, each send site of the transports hands a copy of what it sent to
- * these hooks, which pass it on as one datagram without ever blocking (a copy that the
+ * these hooks, which pass it on as one packet without ever blocking (a copy that the
  * monitor cannot take at once is dropped). While none listens, a hook costs one read of
  * a coarse clock: whether the socket exists is checked at most once per second.
  *
- * Datagram layout (integers little-endian), parsed by velna_monitor_receive:
+ * Packet layout (one SOCK_SEQPACKET packet per copy) (integers little-endian), parsed by velna_monitor_receive:
  *   "VMT1", u8 mechanism (1 message port, 2 rpc-port), u8 flags (1: payload left out,
  *   too large), u16 0, u64 wall-clock time in microseconds, u32 sender pid,
  *   u32 receiver pid (0: unknown), u32 size of what was sent, three strings each as

@@ -3,11 +3,15 @@
 #include <glib-unix.h>
 #include <velna_monitor.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "AnswerPrinter.h"
 #include "Output.h"
@@ -22,7 +26,8 @@ const char *const kCommands[] = {"Result", "Callback", "SetCB", "UnsetCB", "Send
 struct Watch {
   const CliOptions *options;
   GMainLoop *loop;
-  int fd;
+  int fd;                           // the tap socket
+  std::map<int, guint> senders;     // connection of each sending process: its source
   // Pieces seen so far of the chunked answer in flight, per sender, receiver and kind.
   std::map<std::string, int> pieces;
 };
@@ -135,22 +140,51 @@ gboolean OnStop(gpointer data) {
   return G_SOURCE_CONTINUE;
 }
 
-gboolean OnReadable(gint, GIOCondition, gpointer data) {
-  auto *watch = static_cast<Watch *>(data);
-  velna_monitor_record record;
-  int r;
-  while ((r = velna_monitor_receive(watch->fd, &record)) != -EAGAIN) {
-    if (r == -EIO) return OnStop(watch);
-    if (r == 0) Show(watch, record);
+// Takes what every sender has sent so far and shows it in the order it was sent: one
+// sender's copies arrive in order, but the connections are read one after the other.
+void ShowWaiting(Watch *watch) {
+  std::vector<velna_monitor_record> records;
+  for (auto it = watch->senders.begin(); it != watch->senders.end();) {
+    velna_monitor_record record;
+    int r;
+    while ((r = velna_monitor_receive(it->first, &record)) == 0 || r == -EBADMSG) {
+      if (r == 0) records.push_back(record);
+    }
+    if (r == -EAGAIN) {
+      ++it;
+      continue;
+    }
+    g_source_remove(it->second);  // the sender has gone
+    close(it->first);
+    it = watch->senders.erase(it);
+  }
+  std::stable_sort(records.begin(), records.end(), [](const auto &a, const auto &b) {
+    return a.time_us < b.time_us;
+  });
+  for (velna_monitor_record &record : records) {
+    Show(watch, record);
     velna_monitor_record_clear(&record);
   }
+}
+
+gboolean OnSenderReadable(gint, GIOCondition, gpointer data) {
+  ShowWaiting(static_cast<Watch *>(data));
+  return G_SOURCE_CONTINUE;
+}
+
+gboolean OnSenderArrives(gint, GIOCondition, gpointer data) {
+  auto *watch = static_cast<Watch *>(data);
+  int conn = -1;
+  while (velna_monitor_accept(watch->fd, &conn) == 0)
+    watch->senders[conn] = g_unix_fd_add(conn, GIOCondition(G_IO_IN | G_IO_HUP | G_IO_ERR),
+                                         OnSenderReadable, watch);
   return G_SOURCE_CONTINUE;
 }
 
 }  // namespace
 
 int RunMonitor(const CliOptions &options) {
-  Watch watch{&options, nullptr, -1, {}};
+  Watch watch{&options, nullptr, -1, {}, {}};
   int r = velna_monitor_listen(&watch.fd);
   if (r == -EBUSY)
     return Fail(options, kExitEnvironment, "another monitor listens in this runtime directory");
@@ -159,7 +193,7 @@ int RunMonitor(const CliOptions &options) {
                 "cannot listen in the runtime directory (" + std::to_string(r) + ")");
 
   watch.loop = g_main_loop_new(nullptr, FALSE);
-  guint readable = g_unix_fd_add(watch.fd, G_IO_IN, OnReadable, &watch);
+  guint arrivals = g_unix_fd_add(watch.fd, G_IO_IN, OnSenderArrives, &watch);
   guint interrupt = g_unix_signal_add(SIGINT, OnStop, &watch);
   guint terminate = g_unix_signal_add(SIGTERM, OnStop, &watch);
   guint timer = options.timeoutSeconds
@@ -169,9 +203,14 @@ int RunMonitor(const CliOptions &options) {
   std::fprintf(stderr, "talvo-cli: monitoring; Ctrl-C stops\n");
   g_main_loop_run(watch.loop);
 
-  for (guint source : {readable, interrupt, terminate, timer})
+  for (guint source : {arrivals, interrupt, terminate, timer})
     if (source) g_source_remove(source);
-  OnReadable(watch.fd, G_IO_IN, &watch);  // what arrived before the stop
+  OnSenderArrives(watch.fd, G_IO_IN, &watch);  // what arrived before the stop
+  ShowWaiting(&watch);
+  for (const auto &sender : watch.senders) {
+    g_source_remove(sender.second);
+    close(sender.first);
+  }
   velna_monitor_stop(watch.fd);
   g_main_loop_unref(watch.loop);
   return kExitOk;
