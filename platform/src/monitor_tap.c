@@ -206,7 +206,7 @@ int velna_monitor_listen(int *fd)
         }
         unlink(addr.sun_path);
 
-        mode_t old = umask(0077);
+        mode_t old = umask(0177); /* the socket file: 0600 */
         r = bind(s, (struct sockaddr *)&addr, sizeof(addr));
         umask(old);
         if (r == 0)

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -135,4 +136,37 @@ TEST_F(Launcher, UnknownAppAppWithoutExecAndFailedSpawnAreReported) {
   EXPECT_TRUE(capture.has("org.example.noexec: its manifest has no Exec")) << capture.dump();
   EXPECT_FALSE(IsRunning("org.example.missing"));
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));  // the failed spawn left no child behind
+}
+
+std::string FdTarget(pid_t pid, int fd) {
+  char target[4096] = {};
+  std::string link = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
+  return readlink(link.c_str(), target, sizeof target - 1) > 0 ? target : "?";
+}
+
+TEST_F(Launcher, OutputGoesToTheAppsOwnLogFileNeverToTheLaunchersStreams) {
+  unsetenv("VELNA_LOG_FILE");
+  Install(TEST_APP);
+  char *path = nullptr;
+  ASSERT_EQ(0, app_manager_get_log_path(kApp, &path));
+  std::string log = path;
+  free(path);
+  EXPECT_EQ(env_.runtimeDir() + "/log/" + kApp + ".log", log);
+
+  pid_t pid = 0;
+  ASSERT_EQ(0, velna_launch(kApp, kOperation, &pid, nullptr));
+  EXPECT_TRUE(testsupport::RunLoopUntil(
+      [&] { return ReadFile(log).find("test-app pid=" + std::to_string(pid)) != std::string::npos; },
+      5000)) << ReadFile(log);
+  EXPECT_EQ(log, FdTarget(pid, 1));
+  EXPECT_EQ(log, FdTarget(pid, 2));
+  EXPECT_EQ("/dev/null", FdTarget(pid, 0));
+
+  // A log that cannot be opened: the app writes to /dev/null, and the launcher says so.
+  testsupport::LogCapture capture;
+  Install(TEST_APP, "org.example.nolog");
+  ASSERT_EQ(0, mkdir((env_.runtimeDir() + "/log/org.example.nolog.log").c_str(), 0700));
+  ASSERT_EQ(0, velna_launch("org.example.nolog", nullptr, &pid, nullptr));
+  EXPECT_EQ("/dev/null", FdTarget(pid, 1));
+  EXPECT_TRUE(capture.has("output of org.example.nolog goes to /dev/null")) << capture.dump();
 }
