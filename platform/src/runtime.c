@@ -497,44 +497,12 @@ int running_registry_get_pid(const char *app_id, pid_t *pid)
         return 0;
 }
 
-int running_registry_lookup_pid(pid_t pid, char **app_id)
+/* The app id under which pid was last claimed, when run/ and pid/ agree on it. With
+ * exited_ok, a pid that no process holds any more still counts: the record is then the
+ * last claim made under it. A pid held by a process started at another time never does.
+ * 0 and a newly allocated id, -2, -12. */
+static int registry_app_of_pid(pid_t pid, bool exited_ok, char **app_id)
 {
-        if (pid <= 0 || !app_id)
-                return -EINVAL;
-
-        char *runtime = NULL;
-        if (velna_runtime_dir(&runtime) < 0)
-                return -ENOENT;
-
-        unsigned long long start;
-        char *id = NULL;
-        int r = pid_record_read(runtime, pid, &start, &id);
-        if (r == 0) {
-                pid_t holder;
-                unsigned long long holder_start;
-                if (app_record_read(runtime, id, &holder, &holder_start) < 0 || holder != pid ||
-                    holder_start != start || !record_is_live(pid, start))
-                        r = -ENOENT;
-        }
-        free(runtime);
-
-        if (r < 0) {
-                g_free(id);
-                return -ENOENT;
-        }
-        char *out = strdup(id);
-        g_free(id);
-        if (!out)
-                return -ENOMEM;
-        *app_id = out;
-        return 0;
-}
-
-int running_registry_identify_peer(pid_t pid, char **app_id)
-{
-        if (pid <= 0 || !app_id)
-                return -EINVAL;
-
         char *runtime = NULL;
         if (velna_runtime_dir(&runtime) < 0)
                 return -ENOENT;
@@ -551,14 +519,12 @@ int running_registry_identify_peer(pid_t pid, char **app_id)
         }
         free(runtime);
 
-        /* The pid is the peer's from connect time. While a process holds it, that process
-         * must be the recorded one (same start time, zombie or not); once none does, the
-         * record is the last claim made under it, the peer's own. */
-        char state;
-        unsigned long long now;
-        if (r == 0) {
+        if (r == 0 && !record_is_live(pid, start)) {
+                char state;
+                unsigned long long now;
                 int p = proc_stat_read(pid, &state, &now);
-                if ((p == 0 && now != start) || (p < 0 && p != -ENOENT))
+                bool exited = p == -ENOENT || (p == 0 && now == start); /* gone, or a zombie */
+                if (!exited_ok || !exited)
                         r = -ENOENT;
         }
         if (r < 0) {
@@ -571,6 +537,22 @@ int running_registry_identify_peer(pid_t pid, char **app_id)
                 return -ENOMEM;
         *app_id = out;
         return 0;
+}
+
+int running_registry_lookup_pid(pid_t pid, char **app_id)
+{
+        if (pid <= 0 || !app_id)
+                return -EINVAL;
+        return registry_app_of_pid(pid, false, app_id);
+}
+
+/* The pid is the peer's from connect time: a process that has exited since keeps its
+ * name until another process holds its pid. */
+int running_registry_identify_peer(pid_t pid, char **app_id)
+{
+        if (pid <= 0 || !app_id)
+                return -EINVAL;
+        return registry_app_of_pid(pid, true, app_id);
 }
 
 bool velna_pid_alive(pid_t pid)
