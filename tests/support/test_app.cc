@@ -16,7 +16,7 @@
 //          "stray-result" (Result 55 on the main channel)
 //   setcb-silent, setcb-stray
 //          as lax, but SetCB is never answered; "setcb-stray" sends a parcel of command 7
-//          on the main channel every 200 ms for 6 s instead
+//          on the main channel every 200 ms for 10 s instead
 //   port-app
 //          a companion app on the message port "TALVO_APP_SDK_PORT_516": answers each
 //          request with "status_code" "0", "status_msg" "ok" and "result" "answer:<actionId>",
@@ -165,7 +165,7 @@ void LaxSend(const std::string &instance, rpc_port_h mainPort, bundle *msg) {
 }
 
 // Parcels of a command the client does not wait for, on the main channel of instance,
-// every 200 ms for 6 s.
+// every 200 ms for 10 s.
 void StartStrays(const std::string &instance) {
   struct Strays { std::string instance; int left; };
   auto tick = [](gpointer data) {
@@ -179,7 +179,7 @@ void StartStrays(const std::string &instance) {
     delete strays;
     return gboolean(G_SOURCE_REMOVE);
   };
-  g_timeout_add(200, tick, new Strays{instance, 30});
+  g_timeout_add(200, tick, new Strays{instance, 50});
 }
 
 int OnLax(const char *, const char *instance, rpc_port_h port, void *) {
