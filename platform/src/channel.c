@@ -2,10 +2,16 @@
  *
  * Output: velna_channel_send writes what the socket takes at once and queues the rest;
  * a G_IO_OUT watch exists only while something is queued. Input: a G_IO_IN watch reads
- * into the frame being assembled (its length is checked against max_frame before the
- * buffer is allocated) and appends whole frames to the incoming queue, which the
- * consumer drains with velna_channel_take_frame. Reading stops while the incoming queue
- * holds more than VELNA_CHANNEL_MAX_QUEUED_IN bytes and resumes once frames are taken.
+ * into the frame being assembled and appends whole frames to the incoming queue, which
+ * the consumer drains with velna_channel_take_frame. Reading stops while the incoming
+ * queue holds more than VELNA_CHANNEL_MAX_QUEUED_IN bytes and resumes once frames are
+ * taken.
+ *
+ * What a peer can cost: a frame's announced length is checked against max_frame, but
+ * its buffer grows with the bytes that actually arrive (doubling, so each byte is moved
+ * a bounded number of times), never to the announced length up front. A frame that
+ * makes no progress for VELNA_CHANNEL_FRAME_STALL_MS while we read drops its peer, like
+ * a bad header does; time in which we ourselves did not read does not count.
  *
  * Large payload buffers are the costly part of a large frame: the kernel supplies and
  * zeroes fresh pages for each one, as the allocator hands such blocks back after use. So
@@ -55,6 +61,10 @@
 #define SPARE_IDLE_MS 1000
 /* Longest a connect may wait for a full listen backlog. */
 #define CONNECT_TIMEOUT_MS 1000
+/* First buffer of a frame that announced more: what one staging read can bring. */
+#define FRAME_FIRST_ALLOC READ_CHUNK
+/* Default of VELNA_RPC_TIMEOUT_MS: no synchronous wait holds the loop longer. */
+#define SYNC_WAIT_DEFAULT_MS 5000
 
 /* One queued frame: the header, then the payload (or the unsent tail of a payload that
  * was partly written before it was queued). */
@@ -84,6 +94,14 @@ struct velna_channel {
         guint out_watch;
         guint notify_idle;   /* reports frames read synchronously, or a late failure */
         guint spare_timer;   /* ticks while a spare may be held */
+        guint stall_timer;   /* runs while a frame is partly read */
+        int64_t last_progress_ms; /* when the frame being assembled last grew */
+
+        /* Synchronous waits (take_frame with a negative timeout) share one deadline
+         * until the channel sends or the loop turns (sync_wait_idle). */
+        bool sync_wait_active;
+        int64_t sync_wait_deadline_ms;
+        guint sync_wait_idle;
 
         /* Owned; at least spare_cap bytes, malloc'd; NULL when none is kept. */
         unsigned char *spare;
@@ -95,10 +113,12 @@ struct velna_channel {
         out_buf *out_tail;
         size_t out_bytes;
 
-        /* Frame being assembled. */
+        /* Frame being assembled: frame is non-NULL from its header on; frame_cap bytes
+         * are allocated, frame_have <= frame_cap <= frame_len. */
         unsigned char hdr[VELNA_FRAME_HEADER_SIZE];
         size_t hdr_have;
         unsigned char *frame;
+        size_t frame_cap;
         size_t frame_len;
         size_t frame_have;
 
@@ -178,7 +198,7 @@ static void drop_partial_frame(velna_channel *ch)
 {
         free(ch->frame);
         ch->frame = NULL;
-        ch->frame_len = ch->frame_have = 0;
+        ch->frame_cap = ch->frame_len = ch->frame_have = 0;
         ch->hdr_have = 0;
 }
 
@@ -202,16 +222,21 @@ static void drop_input(velna_channel *ch)
 /* A new buffer for a payload of len bytes. A large one is filled in one go right after,
  * so its pages are asked for in bulk (huge pages where the system offers them on
  * request) rather than faulted in one by one. */
+static void advise_bulk(unsigned char *p, size_t len)
+{
+        if (!p || len < LARGE_FRAME)
+                return;
+        const uintptr_t huge = 2u * 1024u * 1024u;
+        uintptr_t start = ((uintptr_t)p + huge - 1) & ~(huge - 1);
+        uintptr_t end = ((uintptr_t)p + len) & ~(huge - 1);
+        if (end > start)
+                madvise((void *)start, end - start, MADV_HUGEPAGE);
+}
+
 static unsigned char *buffer_new(size_t len)
 {
         unsigned char *p = malloc(len ? len : 1);
-        if (p && len >= LARGE_FRAME) {
-                const uintptr_t huge = 2u * 1024u * 1024u;
-                uintptr_t start = ((uintptr_t)p + huge - 1) & ~(huge - 1);
-                uintptr_t end = ((uintptr_t)p + len) & ~(huge - 1);
-                if (end > start)
-                        madvise((void *)start, end - start, MADV_HUGEPAGE);
-        }
+        advise_bulk(p, len);
         return p;
 }
 
@@ -272,6 +297,7 @@ static void stop_io(velna_channel *ch)
 {
         g_clear_handle_id(&ch->in_watch, g_source_remove);
         g_clear_handle_id(&ch->out_watch, g_source_remove);
+        g_clear_handle_id(&ch->stall_timer, g_source_remove);
         spare_drop(ch);
         if (ch->fd >= 0) {
                 close(ch->fd);
@@ -282,6 +308,7 @@ static void stop_io(velna_channel *ch)
 static void channel_free(velna_channel *ch)
 {
         g_clear_handle_id(&ch->notify_idle, g_source_remove);
+        g_clear_handle_id(&ch->sync_wait_idle, g_source_remove);
         stop_io(ch);
         drop_output(ch);
         drop_input(ch);
@@ -464,7 +491,45 @@ static void push_frame(velna_channel *ch)
         ch->in_bytes += nf->len;
         ch->unnotified++;
         ch->frame = NULL;
-        ch->frame_len = ch->frame_have = 0;
+        ch->frame_cap = ch->frame_len = ch->frame_have = 0;
+}
+
+/* Makes room for at least need bytes (need <= frame_len) in the frame being assembled,
+ * at least doubling what is there, never past the announced length. 0, or -12. */
+static int frame_reserve(velna_channel *ch, size_t need)
+{
+        if (need <= ch->frame_cap)
+                return 0;
+        size_t cap = ch->frame_cap * 2;
+        if (cap < FRAME_FIRST_ALLOC)
+                cap = FRAME_FIRST_ALLOC;
+        if (cap < need)
+                cap = need;
+        if (cap > ch->frame_len)
+                cap = ch->frame_len;
+        unsigned char *p = realloc(ch->frame, cap);
+        if (!p)
+                return -ENOMEM;
+        advise_bulk(p, cap);
+        ch->frame = p;
+        ch->frame_cap = cap;
+        return 0;
+}
+
+/* Starts the frame that a header announced: the spare when it fits (memory held
+ * already), else a first buffer no larger than one read can fill. 0, or -12. */
+static int frame_start(velna_channel *ch, size_t len)
+{
+        ch->frame_len = len;
+        ch->frame_have = 0;
+        if (ch->spare && len <= ch->spare_cap && len >= ch->spare_cap / 2) {
+                ch->frame_cap = ch->spare_cap;
+                ch->frame = buffer_get(ch, len);
+                return 0;
+        }
+        ch->frame_cap = len < FRAME_FIRST_ALLOC ? len : FRAME_FIRST_ALLOC;
+        ch->frame = malloc(ch->frame_cap ? ch->frame_cap : 1);
+        return ch->frame ? 0 : -ENOMEM;
 }
 
 /* Consumes bytes that arrived after a header or as part of a frame. Returns READ_OK,
@@ -498,19 +563,22 @@ static read_status consume(velna_channel *ch, const unsigned char *p, size_t n)
                                 return READ_BAD_FRAME;
                         }
                         ch->hdr_have = 0;
-                        ch->frame = buffer_get(ch, len);
-                        if (!ch->frame) {
+                        if (frame_start(ch, len) < 0) {
                                 dlog_print(DLOG_ERROR, LOG_TAG,
                                            "dropping peer pid %d: out of memory for a frame of %u bytes",
                                            (int)ch->peer_pid, len);
                                 return READ_ERROR;
                         }
-                        ch->frame_len = len;
-                        ch->frame_have = 0;
                 }
                 size_t take = ch->frame_len - ch->frame_have;
                 if (take > n)
                         take = n;
+                if (frame_reserve(ch, ch->frame_have + take) < 0) {
+                        dlog_print(DLOG_ERROR, LOG_TAG,
+                                   "dropping peer pid %d: out of memory for a frame of %zu bytes",
+                                   (int)ch->peer_pid, ch->frame_len);
+                        return READ_ERROR;
+                }
                 memcpy(ch->frame + ch->frame_have, p, take);
                 ch->frame_have += take;
                 p += take;
@@ -536,7 +604,17 @@ static read_status read_some(velna_channel *ch)
                 ssize_t r;
                 size_t want = ch->frame ? ch->frame_len - ch->frame_have : 0;
                 if (want >= READ_CHUNK) {
-                        /* Large frame: straight into its buffer, no staging copy. */
+                        /* Large frame: straight into its buffer, no staging copy; the
+                         * buffer grows only once what arrived has filled it. */
+                        if (ch->frame_have == ch->frame_cap &&
+                            frame_reserve(ch, ch->frame_have + READ_CHUNK) < 0) {
+                                dlog_print(DLOG_ERROR, LOG_TAG,
+                                           "dropping peer pid %d: out of memory for a frame of %zu bytes",
+                                           (int)ch->peer_pid, ch->frame_len);
+                                return READ_ERROR;
+                        }
+                        if (want > ch->frame_cap - ch->frame_have)
+                                want = ch->frame_cap - ch->frame_have;
                         r = recv(ch->fd, ch->frame + ch->frame_have, want, MSG_DONTWAIT);
                         if (r > 0) {
                                 ch->frame_have += (size_t)r;
@@ -560,9 +638,27 @@ static read_status read_some(velna_channel *ch)
                                 return READ_AGAIN;
                         return READ_ERROR;
                 }
+                ch->last_progress_ms = now_ms();
                 total += (size_t)r;
         }
         return READ_OK;
+}
+
+static gboolean on_stall_tick(gpointer data);
+
+static bool frame_partly_read(const velna_channel *ch)
+{
+        return ch->frame || ch->hdr_have > 0;
+}
+
+/* The stall timer runs while a frame is partly read and we are reading. */
+static void update_stall_timer(velna_channel *ch)
+{
+        bool watch = frame_partly_read(ch) && ch->in_watch;
+        if (watch && !ch->stall_timer)
+                ch->stall_timer = g_timeout_add(VELNA_CHANNEL_FRAME_STALL_MS, on_stall_tick, ch);
+        else if (!watch && ch->stall_timer)
+                g_clear_handle_id(&ch->stall_timer, g_source_remove);
 }
 
 /* Keeps the input watch in step with the incoming queue's cap. */
@@ -571,11 +667,14 @@ static void update_in_watch(velna_channel *ch)
         if (ch->failed || ch->closing || ch->fd < 0)
                 return;
         bool over = ch->in_bytes > VELNA_CHANNEL_MAX_QUEUED_IN;
-        if (over && ch->in_watch)
+        if (over && ch->in_watch) {
                 g_clear_handle_id(&ch->in_watch, g_source_remove);
-        else if (!over && !ch->in_watch)
+        } else if (!over && !ch->in_watch) {
                 ch->in_watch = g_unix_fd_add(ch->fd, G_IO_IN | G_IO_HUP | G_IO_ERR,
                                              on_readable, ch);
+                ch->last_progress_ms = now_ms(); /* a pause of ours is not the peer's stall */
+        }
+        update_stall_timer(ch);
 }
 
 /* Reads once without dispatching; fails the channel when the peer is to be dropped. */
@@ -599,6 +698,76 @@ static gboolean on_readable(gint fd, GIOCondition cond, gpointer data)
         bool keep = ch->in_watch != 0;
         deliver_events(ch);
         return keep ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+}
+
+/* A frame is partly read: drops the peer when it made no progress for the whole limit,
+ * else waits for the rest of it. Reads first, so that bytes that arrived while the loop
+ * was busy elsewhere count as progress. */
+static gboolean on_stall_tick(gpointer data)
+{
+        velna_channel *ch = data;
+        ch->stall_timer = 0; /* this source ends by returning G_SOURCE_REMOVE */
+        read_and_settle(ch);
+
+        int64_t idle = now_ms() - ch->last_progress_ms;
+        if (!ch->failed && frame_partly_read(ch) && ch->in_watch) {
+                if (idle >= VELNA_CHANNEL_FRAME_STALL_MS) {
+                        dlog_print(DLOG_WARN, LOG_TAG,
+                                   "dropping peer pid %d: a frame made no progress for %d ms "
+                                   "(%zu of %zu bytes arrived)",
+                                   (int)ch->peer_pid, VELNA_CHANNEL_FRAME_STALL_MS,
+                                   ch->frame_have, ch->frame_len);
+                        channel_fail(ch);
+                } else {
+                        g_clear_handle_id(&ch->stall_timer, g_source_remove);
+                        ch->stall_timer = g_timeout_add(
+                                (guint)(VELNA_CHANNEL_FRAME_STALL_MS - idle), on_stall_tick, ch);
+                }
+        }
+        deliver_events(ch);
+        return G_SOURCE_REMOVE;
+}
+
+/* ---- synchronous waits ---- */
+
+static int default_timeout_ms(void)
+{
+        const char *env = getenv("VELNA_RPC_TIMEOUT_MS");
+        if (env && *env) {
+                char *end = NULL;
+                long v = strtol(env, &end, 10);
+                if (end && *end == '\0' && v >= 0 && v <= INT32_MAX)
+                        return (int)v;
+        }
+        return SYNC_WAIT_DEFAULT_MS;
+}
+
+static void sync_wait_end(velna_channel *ch)
+{
+        ch->sync_wait_active = false;
+        g_clear_handle_id(&ch->sync_wait_idle, g_source_remove);
+}
+
+static gboolean on_sync_wait_idle(gpointer data)
+{
+        velna_channel *ch = data;
+        ch->sync_wait_idle = 0; /* this source ends by returning G_SOURCE_REMOVE */
+        sync_wait_end(ch);
+        return G_SOURCE_REMOVE;
+}
+
+/* The deadline of a synchronous wait: the running one, or a new one from now. A caller
+ * that waits again for the answer it is after (discarding what else arrived) keeps the
+ * deadline of its first wait; a send, or the next turn of the loop, ends that call. */
+static int64_t sync_wait_deadline(velna_channel *ch)
+{
+        if (!ch->sync_wait_active) {
+                ch->sync_wait_active = true;
+                ch->sync_wait_deadline_ms = now_ms() + default_timeout_ms();
+                ch->sync_wait_idle = g_idle_add_full(G_PRIORITY_HIGH, on_sync_wait_idle, ch,
+                                                     NULL);
+        }
+        return ch->sync_wait_deadline_ms;
 }
 
 /* ---- public interface ---- */
@@ -707,6 +876,7 @@ static int send_frame(velna_channel *ch, unsigned char *payload, size_t len, boo
         if (r < 0)
                 return r;
 
+        sync_wait_end(ch); /* a new request: a later wait is for its answer */
         unsigned char hdr[VELNA_FRAME_HEADER_SIZE];
         velna_put_le32(hdr, VELNA_FRAME_MAGIC);
         velna_put_le32(hdr + 4, (uint32_t)len);
@@ -804,27 +974,15 @@ static in_frame *pop_frame(velna_channel *ch)
         return f;
 }
 
-static int default_timeout_ms(void)
-{
-        const char *env = getenv("VELNA_RPC_TIMEOUT_MS");
-        if (env && *env) {
-                char *end = NULL;
-                long v = strtol(env, &end, 10);
-                if (end && *end == '\0' && v >= 0 && v <= INT32_MAX)
-                        return (int)v;
-        }
-        return 25000;
-}
-
 int velna_channel_take_frame(velna_channel *channel, int timeout_ms, unsigned char **payload,
                              size_t *len)
 {
         if (!channel || !payload || !len || channel->closing)
                 return -EINVAL;
-        if (timeout_ms < 0)
-                timeout_ms = default_timeout_ms();
 
-        int64_t deadline = now_ms() + timeout_ms;
+        int64_t deadline = 0;
+        if (!channel->in_head && !channel->failed)
+                deadline = timeout_ms < 0 ? sync_wait_deadline(channel) : now_ms() + timeout_ms;
         while (!channel->in_head && !channel->failed) {
                 struct pollfd pfd = { .fd = channel->fd, .events = POLLIN };
                 if (channel->out_head)

@@ -17,6 +17,8 @@
 #define VELNA_CHANNEL_MAX_QUEUED_OUT (256u * 1024u * 1024u)
 /* Most payload bytes held in a channel's incoming queue before it stops reading. */
 #define VELNA_CHANNEL_MAX_QUEUED_IN (256u * 1024u * 1024u)
+/* A frame that gets no new byte for this long, while the channel reads, drops its peer. */
+#define VELNA_CHANNEL_FRAME_STALL_MS 10000
 
 typedef struct velna_channel velna_channel;
 
@@ -24,7 +26,8 @@ typedef struct velna_channel velna_channel;
  * channel may be closed (velna_channel_close) from inside. */
 typedef void (*velna_channel_ready_cb)(velna_channel *channel, void *user_data);
 /* Called once, on the main loop, when the peer closed, an I/O error happened, or the
- * peer sent a bad frame (wrong magic, length over the cap: the peer is dropped). Frames
+ * peer sent a bad frame (wrong magic, length over the cap, or a frame that stalled for
+ * VELNA_CHANNEL_FRAME_STALL_MS: the peer is dropped). Frames
  * already queued stay takeable. The channel may be closed from inside. */
 typedef void (*velna_channel_closed_cb)(velna_channel *channel, void *user_data);
 
@@ -53,9 +56,13 @@ int velna_channel_send_owned(velna_channel *channel, void *payload, size_t len);
 unsigned char *velna_channel_payload_alloc(velna_channel *channel, size_t len);
 
 /* Takes the oldest queued incoming frame: 0 and a malloc'd payload that becomes the
- * caller's (free it with free(), or give it back with velna_channel_recycle). With none queued it waits, reading (and flushing queued output), at most
- * timeout_ms (0: no wait, negative: VELNA_RPC_TIMEOUT_MS or 25000): -11 when the wait
- * ends without a frame, -5 once the peer is gone and nothing is queued. */
+ * caller's (free it with free(), or give it back with velna_channel_recycle). With none
+ * queued it waits, reading (and flushing queued output), at most timeout_ms (0: no
+ * wait). A negative timeout_ms is a synchronous wait for an answer: it ends
+ * VELNA_RPC_TIMEOUT_MS (default 5000) after the first such wait since the channel last
+ * sent or the loop last turned, so a caller that discards what it did not ask for and
+ * waits again cannot be held longer by a chattering peer. -11 when the wait ends
+ * without a frame, -5 once the peer is gone and nothing is queued. */
 int velna_channel_take_frame(velna_channel *channel, int timeout_ms, unsigned char **payload,
                              size_t *len);
 /* Discards the oldest incoming frame: velna_channel_take_frame with no wait (so with

@@ -3,9 +3,12 @@
  * whose frames are encoded bundles. A sender keeps one channel per destination
  * (app id, port), so what one sender sends to one port arrives in order, whole.
  *
- * The sender's app id given to the callback comes from the connection's credentials
- * (SO_PEERCRED pid -> running registry), never from the message. Peers of another uid
- * are refused at accept. */
+ * The sender's app id given to the callback is established once, when the connection is
+ * accepted, from its credentials (the SO_PEERCRED pid of connect time, looked up in the
+ * running registry), and kept with the connection: never taken from the message, and
+ * still known when the sender has exited by the time its messages are read. A sender
+ * claims its own app id before it connects, so that the record is there. Peers of
+ * another uid are refused at accept. */
 #include <message_port.h>
 
 #include <errno.h>
@@ -47,7 +50,7 @@ typedef struct mp_port {
 struct mp_conn {
         mp_port *port;
         velna_channel *channel; /* owned */
-        char *remote_app_id;    /* resolved from the peer's pid; NULL until known */
+        char *remote_app_id;    /* owned; from the peer's credentials; NULL: none */
         mp_conn *prev;
         mp_conn *next;
 };
@@ -78,18 +81,6 @@ static void conn_free(mp_conn *conn)
         free(conn);
 }
 
-/* The sender's app id from its credentials. A process that has no app id when it
- * connects may register one later, so a miss is looked up again next time. */
-static const char *conn_remote_app_id(mp_conn *conn)
-{
-        if (!conn->remote_app_id) {
-                char *id = NULL;
-                if (running_registry_lookup_pid(velna_channel_peer_pid(conn->channel), &id) == 0)
-                        conn->remote_app_id = id;
-        }
-        return conn->remote_app_id;
-}
-
 static void on_conn_frame(velna_channel *channel, void *user_data)
 {
         mp_conn *conn = user_data;
@@ -112,8 +103,7 @@ static void on_conn_frame(velna_channel *channel, void *user_data)
         }
 
         mp_port *port = conn->port;
-        const char *remote = conn_remote_app_id(conn);
-        port->callback(port->id, remote, NULL, false, message, port->user_data);
+        port->callback(port->id, conn->remote_app_id, NULL, false, message, port->user_data);
         bundle_free(message);
         velna_channel_recycle(channel, raw, len); /* still valid: we are in its handler */
 }
@@ -159,6 +149,9 @@ static gboolean on_listen_ready(gint fd, GIOCondition cond, gpointer user_data)
                 }
                 conn->port = port;
                 conn->channel = channel;
+                if (running_registry_identify_peer(velna_channel_peer_pid(channel),
+                                                   &conn->remote_app_id) < 0)
+                        conn->remote_app_id = NULL;
                 conn->next = port->conns;
                 if (port->conns)
                         port->conns->prev = conn;
@@ -226,13 +219,13 @@ int message_port_register_local_port(const char *local_port, message_port_messag
         if (r < 0) {
                 dlog_print(DLOG_ERROR, LOG_TAG, "cannot register message port %s: app id %s "
                            "cannot be claimed (%d)", local_port, app_id, r);
-                return r == -EEXIST || r == -EINVAL ? r : -EIO;
+                return r == -EEXIST || r == -EINVAL || r == -EACCES ? r : -EIO;
         }
 
         char path[SOCKET_PATH_SIZE];
         r = velna_socket_path("mp", app_id, local_port, path, sizeof path);
         if (r < 0)
-                return r == -ENOMEM ? r : -EIO;
+                return r == -ENOMEM || r == -EACCES ? r : -EIO;
 
         int fd = listen_at(path);
         if (fd < 0) {
@@ -326,7 +319,11 @@ static int dest_connect(const char *app_id, const char *port, const char *key,
         char path[SOCKET_PATH_SIZE];
         int r = velna_socket_path("mp", app_id, port, path, sizeof path);
         if (r < 0)
-                return r == -ENOMEM ? r : -EIO;
+                return r == -ENOMEM || r == -EACCES ? r : -EIO;
+
+        /* The receiver names us from the registry when it accepts. */
+        if (velna_self_app_id())
+                velna_self_register();
 
         velna_channel *channel = NULL;
         r = velna_channel_connect(path, MESSAGE_PORT_MAX_MESSAGE_SIZE, &channel);

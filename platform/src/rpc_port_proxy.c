@@ -248,7 +248,7 @@ static const char *start_handshake(struct rpc_port_proxy_s *p, velna_channel *ma
 {
         p->main_port.channel = main_ch;
         velna_channel_set_handlers(main_ch, on_channel_ready, on_closed, p);
-        if (velna_channel_peer_uid(main_ch) != getuid())
+        if (velna_channel_peer_uid(main_ch) != geteuid())
                 return "the port is served by another user";
 
         velna_channel *cb_ch = NULL;
@@ -414,6 +414,8 @@ int rpc_port_proxy_connect(rpc_port_proxy_h h, const char *appid, const char *po
         r = velna_socket_path(RPC_PORT_SOCKET_KIND, appid, port_name, path, sizeof path);
         if (r == -ENAMETOOLONG)
                 return r; /* velna_socket_path said why */
+        if (r == -EACCES)
+                return r; /* velna_runtime_dir said why */
         if (r < 0) {
                 dlog_print(DLOG_ERROR, LOG_TAG,
                            "cannot connect to %s: the runtime directory cannot be made", appid);

@@ -281,7 +281,7 @@ static instance *instance_new(struct rpc_port_stub_s *s, const char *id, velna_c
 {
         pid_t pid = velna_channel_peer_pid(ch);
         char *client = NULL;
-        if (pid <= 0 || running_registry_lookup_pid(pid, &client) < 0)
+        if (pid <= 0 || running_registry_identify_peer(pid, &client) < 0)
                 client = NULL;
         if (!client_allowed(s->app_id, client)) {
                 dlog_print(DLOG_WARN, LOG_TAG, "%s port %s refuses pid %d (%s): not an allowed client",
@@ -442,7 +442,7 @@ static void accept_one(struct rpc_port_stub_s *s, int fd)
 {
         struct ucred cred;
         socklen_t clen = sizeof cred;
-        if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &clen) < 0 || cred.uid != getuid()) {
+        if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &clen) < 0 || cred.uid != geteuid()) {
                 dlog_print(DLOG_WARN, LOG_TAG, "%s port %s: refusing a peer of another user",
                            s->app_id, s->port_name);
                 close(fd);
@@ -620,9 +620,10 @@ int rpc_port_stub_listen(rpc_port_stub_h h)
         struct sockaddr_un addr = { .sun_family = AF_UNIX };
         memcpy(addr.sun_path, h->path, strlen(h->path) + 1);
         unlink(h->path);
+        /* 0600 before anyone can connect: the socket answers only its owner. */
         struct stat st;
-        if (bind(fd, (struct sockaddr *)&addr, sizeof addr) < 0 || listen(fd, SOMAXCONN) < 0 ||
-            stat(h->path, &st) < 0) {
+        if (bind(fd, (struct sockaddr *)&addr, sizeof addr) < 0 || chmod(h->path, 0600) < 0 ||
+            listen(fd, SOMAXCONN) < 0 || stat(h->path, &st) < 0) {
                 dlog_print(DLOG_ERROR, LOG_TAG, "cannot listen on %s port %s: %s", h->app_id,
                            h->port_name, strerror(errno));
                 close(fd);

@@ -43,8 +43,10 @@ static char *runtime_dir_candidate(void)
         return g_strdup_printf("/tmp/velna-%u", (unsigned)geteuid());
 }
 
-/* 0 when path is (now) a directory of ours. */
-static int ensure_dir(const char *path, bool check_owner)
+/* 0 when path is (now) a directory. With private set it must also be ours and closed
+ * to group and others: -13 and a line that says how to fix it otherwise, since whoever
+ * else can write there can plant sockets and registry records. */
+static int ensure_dir(const char *path, bool private)
 {
         if (mkdir(path, 0700) < 0 && errno != EEXIST) {
                 if (errno != ENOENT || g_mkdir_with_parents(path, 0700) < 0) {
@@ -59,10 +61,19 @@ static int ensure_dir(const char *path, bool check_owner)
                 dlog_print(DLOG_ERROR, LOG_TAG, "runtime path %s is not a directory", path);
                 return -EIO;
         }
-        if (check_owner && st.st_uid != geteuid()) {
-                dlog_print(DLOG_ERROR, LOG_TAG, "runtime directory %s belongs to uid %u, not to us",
-                           path, (unsigned)st.st_uid);
-                return -EIO;
+        if (private && st.st_uid != geteuid()) {
+                dlog_print(DLOG_ERROR, LOG_TAG,
+                           "refusing runtime directory %s: it belongs to uid %u, not to uid %u; "
+                           "remove it, or set VELNA_RUNTIME_DIR to a directory of your own",
+                           path, (unsigned)st.st_uid, (unsigned)geteuid());
+                return -EACCES;
+        }
+        if (private && (st.st_mode & 077) != 0) {
+                dlog_print(DLOG_ERROR, LOG_TAG,
+                           "refusing runtime directory %s: mode %04o lets group or others in; "
+                           "run chmod 700 %s, or set VELNA_RUNTIME_DIR to another directory",
+                           path, (unsigned)(st.st_mode & 07777), path);
+                return -EACCES;
         }
         return 0;
 }
@@ -372,7 +383,15 @@ const char *velna_self_app_id(void)
 
 int velna_self_register(void)
 {
+        /* Claimed already by this very process (not a forked child) under this id. */
+        static pid_t claimed_by;
+        static char claimed_id[256];
+
         const char *id = velna_self_app_id();
+        pid_t holder = 0;
+        if (id && claimed_by == getpid() && strcmp(claimed_id, id) == 0 &&
+            running_registry_get_pid(id, &holder) == 0 && holder == claimed_by)
+                return 0;
         if (!id) {
                 const char *raw = getenv("VELNA_APP_ID");
                 if (raw && *raw)
@@ -385,6 +404,10 @@ int velna_self_register(void)
         if (r == -EEXIST)
                 dlog_print(DLOG_ERROR, LOG_TAG,
                            "app id %s is already held by another running process", id);
+        if (r == 0) {
+                claimed_by = getpid();
+                g_strlcpy(claimed_id, id, sizeof claimed_id);
+        }
         return r;
 }
 
@@ -474,11 +497,12 @@ int running_registry_get_pid(const char *app_id, pid_t *pid)
         return 0;
 }
 
-int running_registry_lookup_pid(pid_t pid, char **app_id)
+/* The app id under which pid was last claimed, when run/ and pid/ agree on it. With
+ * exited_ok, a pid that no process holds any more still counts: the record is then the
+ * last claim made under it. A pid held by a process started at another time never does.
+ * 0 and a newly allocated id, -2, -12. */
+static int registry_app_of_pid(pid_t pid, bool exited_ok, char **app_id)
 {
-        if (pid <= 0 || !app_id)
-                return -EINVAL;
-
         char *runtime = NULL;
         if (velna_runtime_dir(&runtime) < 0)
                 return -ENOENT;
@@ -490,11 +514,19 @@ int running_registry_lookup_pid(pid_t pid, char **app_id)
                 pid_t holder;
                 unsigned long long holder_start;
                 if (app_record_read(runtime, id, &holder, &holder_start) < 0 || holder != pid ||
-                    holder_start != start || !record_is_live(pid, start))
+                    holder_start != start)
                         r = -ENOENT;
         }
         free(runtime);
 
+        if (r == 0 && !record_is_live(pid, start)) {
+                char state;
+                unsigned long long now;
+                int p = proc_stat_read(pid, &state, &now);
+                bool exited = p == -ENOENT || (p == 0 && now == start); /* gone, or a zombie */
+                if (!exited_ok || !exited)
+                        r = -ENOENT;
+        }
         if (r < 0) {
                 g_free(id);
                 return -ENOENT;
@@ -505,6 +537,22 @@ int running_registry_lookup_pid(pid_t pid, char **app_id)
                 return -ENOMEM;
         *app_id = out;
         return 0;
+}
+
+int running_registry_lookup_pid(pid_t pid, char **app_id)
+{
+        if (pid <= 0 || !app_id)
+                return -EINVAL;
+        return registry_app_of_pid(pid, false, app_id);
+}
+
+/* The pid is the peer's from connect time: a process that has exited since keeps its
+ * name until another process holds its pid. */
+int running_registry_identify_peer(pid_t pid, char **app_id)
+{
+        if (pid <= 0 || !app_id)
+                return -EINVAL;
+        return registry_app_of_pid(pid, true, app_id);
 }
 
 bool velna_pid_alive(pid_t pid)

@@ -13,7 +13,8 @@ bool velna_app_id_is_valid(const char *app_id);
 
 /* The runtime directory (VELNA_RUNTIME_DIR, else $XDG_RUNTIME_DIR/velna, else
  * /tmp/velna-<uid>), created mode 0700 with its subdirectories when missing. 0 and a
- * newly allocated path (free with free()), or -5 when it cannot be made or is not a
+ * newly allocated path (free with free()), -13 (and a log line naming the fix) when it
+ * is not ours or is open to group or others, -5 when it cannot be made or is not a
  * directory, -12. */
 int velna_runtime_dir(char **path);
 
@@ -49,6 +50,10 @@ int running_registry_get_pid(const char *app_id, pid_t *pid);
 
 /* The app id of a live registered pid: 0 and a newly allocated id, or -2. */
 int running_registry_lookup_pid(pid_t pid, char **app_id);
+/* The app id of a connected peer from its credentials' pid: as lookup_pid, and also
+ * when that process has exited since, as long as no other process holds its pid. 0 and
+ * a newly allocated id, or -2. */
+int running_registry_identify_peer(pid_t pid, char **app_id);
 
 /* True while pid names a live process that is not a zombie. */
 bool velna_pid_alive(pid_t pid);

@@ -35,8 +35,13 @@ int TalvoProxyCommonData::deinitialize() {
   return 0;
 }
 
-// Called by GLib on the main loop of the thread that called initialize. The connection
-// stays GLib's: no reference is taken.
+// Called by GLib on the main loop of the thread that called initialize.
+//
+// A library must never end or crash its host, so two things go beyond keeping the
+// pointer: GLib's shared bus connection raises SIGTERM in the process when the bus goes
+// away, which is turned off here; and GLib drops its own references once the connection
+// closes, so the kept pointer holds one of its own, released only when a later
+// acquisition replaces it. A query on a closed connection then fails like any failed call.
 void TalvoProxyCommonData::_dbusAcquiredCb(GDBusConnection *connection, const gchar *,
                                            gpointer userData) {
   auto *self = static_cast<TalvoProxyCommonData *>(userData);
@@ -46,5 +51,10 @@ void TalvoProxyCommonData::_dbusAcquiredCb(GDBusConnection *connection, const gc
   }
 
   LOGD("GDBUS connection is %p", static_cast<void *>(connection));
+  if (connection) {
+    g_dbus_connection_set_exit_on_close(connection, FALSE);
+    g_object_ref(connection);
+  }
+  if (self->dbusConnection) g_object_unref(self->dbusConnection);
   self->dbusConnection = connection;
 }

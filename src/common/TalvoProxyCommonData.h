@@ -38,5 +38,5 @@ class TalvoProxyCommonData {
   static bool _talvo_metadata_cb(const char *key, const char *value, void *userData);
 
   std::map<std::string, MetaDataInfo *> metaDataMap;  // owns every record
-  GDBusConnection *dbusConnection = nullptr;           // borrowed from GLib, never released
+  GDBusConnection *dbusConnection = nullptr;           // one reference held while kept
 };

@@ -79,6 +79,13 @@ BusFixture::~BusFixture() {
   unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
 }
 
+void BusFixture::kill() {
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+  pid_ = -1;
+}
+
 std::string BusFixture::ownerOf(const std::string &name) const {
   g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
       connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",

@@ -26,6 +26,9 @@ class BusFixture {
   GDBusConnection *connection() const { return connection_; }
   // The unique name owning name on this bus, or "" when it has no owner.
   std::string ownerOf(const std::string &name) const;
+  // Kills the daemon at once (SIGKILL), as a bus that goes away; the fixture's own
+  // connection sees it close.
+  void kill();
 
  private:
   std::string dir_, address_;

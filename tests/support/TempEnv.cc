@@ -19,6 +19,7 @@ TempEnv::TempEnv() {
   root_ = tmpl;
   runtimeDir_ = root_ + "/rt";
   std::filesystem::create_directory(runtimeDir_);
+  std::filesystem::permissions(runtimeDir_, std::filesystem::perms::owner_all);  // as the platform requires
   std::filesystem::create_directory(root_ + "/apps");
   setenv("VELNA_RUNTIME_DIR", runtimeDir_.c_str(), 1);
   setenv("VELNA_APPS_DIR", (root_ + "/apps").c_str(), 1);

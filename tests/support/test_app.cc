@@ -14,6 +14,18 @@
 //          and "commands", the codes this connection received), "unknown-seq",
 //          "unreadable-string", "wrong-command" (7 on the callback channel),
 //          "stray-result" (Result 55 on the main channel)
+//   setcb-silent, setcb-stray
+//          as lax, but SetCB is never answered; "setcb-stray" sends a parcel of command 7
+//          on the main channel every 200 ms for 10 s instead
+//   port-app
+//          a companion app on the message port "TALVO_APP_SDK_PORT_516": answers each
+//          request with "status_code" "0", "status_msg" "ok" and "result" "answer:<actionId>",
+//          in pieces of "chunk" bytes when given; a request's "fault" changes that:
+//          "silent" (no answer), "kill" (SIGKILL before answering), "chunks-then-kill" (two
+//          pieces "first-", "second-" of an unfinished answer, then SIGKILL),
+//          "answer-and-exit" (answer, then exit at once), "flood" ("count" answers
+//          "flood-<i>"), "impersonate" (an answer that names "victim" under "appId",
+//          "sender" and "remote_app_id")
 //   other  run the loop until SIGTERM
 // With the loop running, MP_TEST_PORT registers that message port, whose messages' "cmd"
 // is "echo" (back to "reply_port" with "sender" added), "send" ("count" numbered
@@ -152,6 +164,24 @@ void LaxSend(const std::string &instance, rpc_port_h mainPort, bundle *msg) {
   }
 }
 
+// Parcels of a command the client does not wait for, on the main channel of instance,
+// every 200 ms for 10 s.
+void StartStrays(const std::string &instance) {
+  struct Strays { std::string instance; int left; };
+  auto tick = [](gpointer data) {
+    auto *strays = static_cast<Strays *>(data);
+    rpc_port_h port = nullptr;
+    if (strays->left-- > 0 &&
+        rpc_port_stub_get_port(stub, RPC_PORT_PORT_MAIN, strays->instance.c_str(), &port) == 0) {
+      Write(port, {7});
+      return gboolean(G_SOURCE_CONTINUE);
+    }
+    delete strays;
+    return gboolean(G_SOURCE_REMOVE);
+  };
+  g_timeout_add(200, tick, new Strays{instance, 50});
+}
+
 int OnLax(const char *, const char *instance, rpc_port_h port, void *) {
   rpc_port_parcel_h parcel = nullptr;
   if (rpc_port_parcel_create_from_port(&parcel, port) != 0) return -1;
@@ -171,11 +201,64 @@ int OnLax(const char *, const char *instance, rpc_port_h port, void *) {
     if (mode == "callback-first") Invoke(port, d, true, stray);
     bundle_free(stray);
   }
+  if (command == 2 && mode == "setcb-stray") StartStrays(instance);
+  if (command == 2 && mode.rfind("setcb-", 0) == 0) return rpc_port_parcel_destroy(parcel), 0;
   if (command == 2 || command == 3) Write(port, {0, kRegisterResult});
   bundle *msg = nullptr;
   if (command == 4 && rpc_port_parcel_read_bundle(parcel, &msg) == 0) LaxSend(instance, port, msg), bundle_free(msg);
   rpc_port_parcel_destroy(parcel);
   return 0;
+}
+
+// The message-port companion of mode "port-app".
+const char kAppPort[] = "TALVO_APP_SDK_PORT_516";
+
+void PortSend(const std::string &to, const std::vector<std::pair<std::string, std::string>> &strings,
+              const std::string &piece = "", bool withPiece = false) {
+  bundle *b = bundle_create();
+  for (const auto &kv : strings) bundle_add_str(b, kv.first.c_str(), kv.second.c_str());
+  if (withPiece) bundle_add_byte(b, "chunk_result", piece.data(), piece.size());
+  int r = message_port_send_message(to.c_str(), kAppPort, b);
+  bundle_free(b);
+  if (r < 0) fprintf(stderr, "test-app: answer to %s failed: %d\n", to.c_str(), r);
+}
+
+void OnPortRequest(int, const char *sender, const char *, bool, bundle *request, void *) {
+  if (!sender) return;
+  const std::string to = sender, fault = Get(request, "fault");
+  const std::string text = "answer:" + Get(request, "actionId");
+  const std::vector<std::pair<std::string, std::string>> status = {{"status_code", "0"}, {"status_msg", "ok"}};
+  if (fault == "silent") return;
+  if (fault == "kill") raise(SIGKILL);
+  if (fault == "chunks-then-kill") {
+    PortSend(to, {{"last_chunk", "false"}}, "first-", true);
+    PortSend(to, {{"last_chunk", "false"}}, "second-", true);
+    raise(SIGKILL);
+  }
+  if (fault == "flood") {
+    for (long i = 0; i < Number(request, "count", 1); ++i)
+      PortSend(to, {{"status_code", "0"}, {"result", "flood-" + std::to_string(i)}});
+    return;
+  }
+  if (fault == "impersonate") {
+    std::string victim = Get(request, "victim");
+    PortSend(to, {{"status_code", "0"}, {"result", "impersonated"}, {"appId", victim},
+                  {"sender", victim}, {"remote_app_id", victim}});
+    return;
+  }
+  size_t chunk = size_t(Number(request, "chunk", 0));
+  if (chunk == 0) {
+    auto answer = status;
+    answer.push_back({"result", text});
+    PortSend(to, answer);
+  }
+  for (size_t at = 0; chunk > 0 && at < text.size(); at += chunk) {
+    bool last = at + chunk >= text.size();
+    auto strings = last ? status : decltype(status){};
+    strings.push_back({"last_chunk", last ? "true" : "false"});
+    PortSend(to, strings, text.substr(at, chunk), true);
+  }
+  if (fault == "answer-and-exit") _exit(0);
 }
 
 }  // namespace
@@ -195,13 +278,15 @@ int main(int argc, char **argv) {
   if (velna_main_loop_init() < 0) return 1;
   g_unix_signal_add(SIGTERM, [](gpointer) { velna_main_loop_quit(); return gboolean(G_SOURCE_REMOVE); }, nullptr);
 
+  if (mode == "port-app" && message_port_register_local_port(kAppPort, OnPortRequest, nullptr) <= 0) return 1;
   std::string port = Env("MP_TEST_PORT");
   if (!port.empty() && message_port_register_local_port(port.c_str(), OnMessage, nullptr) <= 0) return 1;
   std::string to = Env("MP_TEST_SEND_TO");
   if (!to.empty()) SendNumbered(to.substr(0, to.find(':')), to.substr(to.find(':') + 1), 1, 16);
 
   bool echo = mode == "echo";
-  if (echo || mode == "lax" || mode == "callback-first" || mode == "exit-on-register") {
+  if (echo || mode == "lax" || mode == "callback-first" || mode == "exit-on-register" ||
+      mode.rfind("setcb-", 0) == 0) {
     if (rpc_port_stub_create(&stub, echo ? "echo" : "message") != 0) return 1;
     rpc_port_stub_add_received_event_cb(stub, echo ? OnEcho : OnLax, nullptr);
     if (rpc_port_stub_listen(stub) != 0) return 1;

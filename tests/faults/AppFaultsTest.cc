@@ -1,0 +1,256 @@
+// Apps that die, stall, flood or lie, and a platform that goes away, against one client.
+#include <glib.h>
+#include <time.h>
+
+#include "FaultFixture.h"
+
+namespace faults {
+namespace {
+
+const std::string kPort = "org.velna.test.fault.port";
+const std::string kRpc = "org.velna.test.fault.rpc";
+
+int64_t NowMs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// The longest stretch in which the loop dispatched nothing, sampled every 50 ms.
+struct LoopGaps {
+  LoopGaps() { id = g_timeout_add(50, Tick, this); }
+  ~LoopGaps() { g_source_remove(id); }
+  static gboolean Tick(gpointer self) {
+    auto *gaps = static_cast<LoopGaps *>(self);
+    int64_t now = NowMs();
+    if (now - gaps->last > gaps->longest) gaps->longest = now - gaps->last;
+    gaps->last = now;
+    return G_SOURCE_CONTINUE;
+  }
+  int64_t last = NowMs(), longest = 0;
+  guint id = 0;
+};
+
+using AppFaults = FaultTest;
+
+// The shared result buffer keeps what an interrupted chunked answer brought, so the next
+// chunked answer of the same kind starts with those bytes; the one after it is whole.
+TEST_F(AppFaults, PortAppKilledBeforeOrDuringItsAnswerLeavesOnlyItsBytesInTheSharedBuffer) {
+  installTestApp(kPort, "port-app", false);
+  ASSERT_EQ(0, act(kPort, "killed", {{"actionId", "a1"}, {"fault", "kill"}}));
+  TalvoProxyIpc *ipc = TalvoProxyIpc::getInstance();
+  ASSERT_TRUE(RunLoopUntil([&] { return ipc->appLaunchInfoMap.empty() && !Running(kPort); }, 10000))
+      << log->dump();
+  RunLoopFor(300);
+
+  ASSERT_EQ(0, act(kPort, "halfway", {{"actionId", "a2"}, {"fault", "chunks-then-kill"}}));
+  ASSERT_TRUE(RunLoopUntil([&] { return log->count("Request Execution Result Recieved from") >= 2; }, 10000))
+      << log->dump();
+  ASSERT_TRUE(RunLoopUntil([&] { return !Running(kPort); }, 5000));
+
+  ASSERT_EQ(0, act(kPort, "next", {{"actionId", "a3"}, {"chunk", "4"}}));
+  ASSERT_TRUE(waitCalls(1, 10000)) << log->dump();
+  ASSERT_EQ(0, act(kPort, "after", {{"actionId", "a4"}, {"chunk", "4"}}));
+  ASSERT_TRUE(waitCalls(2, 10000)) << log->dump();
+  RunLoopFor(300);
+
+  ASSERT_EQ(2u, calls.all.size());
+  EXPECT_EQ("next", calls.all[0].label);
+  EXPECT_EQ(kPort, calls.all[0].appId);
+  EXPECT_EQ("first-second-answer:a3", calls.all[0].str("result"));
+  EXPECT_EQ("after", calls.all[1].label);
+  EXPECT_EQ("answer:a4", calls.all[1].str("result"));
+  finish();
+}
+
+TEST_F(AppFaults, RpcAppKilledBeforeAnsweringIsForgottenAndTheNextRequestReconnects) {
+  installTestApp(kRpc, "lax", true);
+  TalvoProxyIpc *ipc = TalvoProxyIpc::getInstance();
+  ASSERT_EQ(0, act(kRpc, "unanswered", {{"actionId", "a1"}, {"do", ""}}));
+  ASSERT_TRUE(RunLoopUntil([&] { return ipc->clientsMap.count(kRpc) && ipc->clientsMap[kRpc]->connected &&
+                                        ipc->appLaunchInfoMap.empty(); }, 10000)) << log->dump();
+
+  app_manager_terminate_app(kRpc.c_str());
+  ASSERT_TRUE(RunLoopUntil([&] { return ipc->clientsMap.empty(); }, 5000)) << log->dump();
+  EXPECT_TRUE(calls.all.empty());
+
+  ASSERT_EQ(0, act(kRpc, "next", {{"actionId", "a2"}, {"do", "answer"}, {"sample_result", "served"}}));
+  ASSERT_TRUE(waitCalls(1, 10000)) << log->dump();
+  RunLoopFor(300);
+  ASSERT_EQ(1u, calls.all.size());
+  EXPECT_EQ("next", calls.all[0].label);
+  EXPECT_EQ("served", calls.all[0].str("result"));
+  finish();
+}
+
+// Three apps that never deliver the SetCB result: one silent, one that chatters on the
+// main channel meanwhile, one that exits. The deadline runs from the start of each wait,
+// so the loop is never held much longer than VELNA_RPC_TIMEOUT_MS. The two that stay get
+// the launch wait's failure answer once, after its 10 s; the one that left loses its
+// connection, and a lost connection drops its waiting request without an answer.
+TEST_F(AppFaults, SetCbWithoutItsResultHoldsTheLoopNoLongerThanTheReadDeadline) {
+  setenv("VELNA_RPC_TIMEOUT_MS", "1500", 1);
+  const std::string silent = "org.velna.test.fault.silent", stray = "org.velna.test.fault.stray",
+                    exits = "org.velna.test.fault.exits";
+  installTestApp(silent, "setcb-silent", true);
+  installTestApp(stray, "setcb-stray", true);
+  installTestApp(exits, "exit-on-register", true);
+  installRpcSample(kRpc);
+
+  LoopGaps gaps;
+  for (const std::string &app : {silent, stray, exits}) ASSERT_EQ(0, act(app, app, {{"actionId", "a"}}));
+  TalvoProxyIpc *ipc = TalvoProxyIpc::getInstance();
+  ASSERT_TRUE(RunLoopUntil([&] { return calls.all.size() >= 2 && ipc->appLaunchInfoMap.empty(); }, 25000))
+      << log->dump();
+  // Two waits may follow each other in one turn of the loop; strays alone last 10 s.
+  EXPECT_LT(gaps.longest, 6000) << "the loop was held for " << gaps.longest << " ms";
+  for (const std::string &app : {silent, stray, exits})
+    EXPECT_TRUE(log->has("Failed to InvalidProtocolException (" + app + ")")) << app;
+  EXPECT_EQ(1, calls.of(silent));
+  EXPECT_EQ(1, calls.of(stray));
+  EXPECT_EQ(0, calls.of(exits));
+  for (const Answer &answer : calls.all) EXPECT_EQ("{\"result\":\"Failure\"}", answer.str("result"));
+
+  ASSERT_EQ(0, act(kRpc, "next", {{"actionId", "ok"}}));
+  ASSERT_TRUE(waitCalls(3, 10000)) << log->dump();
+  RunLoopFor(300);
+  EXPECT_EQ(3u, calls.all.size());
+  EXPECT_EQ("{\"actionId\":\"ok\",\"done\":true}", calls.all.back().str("result"));
+  printf("[fault] longest loop stall during the SetCB waits: %lld ms\n", (long long)gaps.longest);
+  unsetenv("VELNA_RPC_TIMEOUT_MS");
+  finish();
+}
+
+TEST_F(AppFaults, AnAppThatAnswersAndExitsAtOnceIsHeardTwentyTimesOutOfTwenty) {
+  installTestApp(kPort, "port-app", false);
+  for (int i = 0; i < 20; ++i) {
+    std::string action = "n" + std::to_string(i);
+    ASSERT_EQ(0, act(kPort, action, {{"actionId", action}, {"fault", "answer-and-exit"}}));
+    ASSERT_TRUE(waitCalls(size_t(i) + 1, 10000)) << "answer " << i << "\n" << log->dump();
+    ASSERT_TRUE(RunLoopUntil([&] { return !Running(kPort); }, 5000));
+  }
+  RunLoopFor(300);
+  ASSERT_EQ(20u, calls.all.size());
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(kPort, calls.all[i].appId);
+    EXPECT_EQ("answer:n" + std::to_string(i), calls.all[i].str("result"));
+  }
+  EXPECT_FALSE(log->has("Message without a sender app id"));
+  finish();
+}
+
+TEST_F(AppFaults, FloodOfAHundredThousandAnswersReachesTheCallbackOnceAndThenTheNextRequest) {
+  installTestApp(kPort, "port-app", false);
+  // Every line is seen by the capture; only the count of handed-on answers is kept.
+  int handedOn = 0;
+  log->probe = [&](const std::string &message) {
+    if (message.find("[Received Data with len:") != std::string::npos) ++handedOn;
+    if (log->lines().size() > 1000) log->clear();
+  };
+  ASSERT_EQ(0, act(kPort, "flood", {{"actionId", "f"}, {"fault", "flood"}, {"count", "100000"}}));
+  ASSERT_TRUE(RunLoopUntil([&] { return handedOn >= 100000; }, 120000)) << handedOn << " answers";
+  ASSERT_EQ(0, act(kPort, "next", {{"actionId", "after"}}));
+  ASSERT_TRUE(waitCalls(2, 10000));
+  RunLoopFor(300);
+
+  ASSERT_EQ(2u, calls.all.size());
+  EXPECT_EQ("flood", calls.all[0].label);
+  EXPECT_EQ("flood-0", calls.all[0].str("result"));
+  EXPECT_EQ("answer:after", calls.all[1].str("result"));
+  log->probe = nullptr;
+  finish();
+}
+
+TEST_F(AppFaults, FiftyRunningAppsOfBothMechanismsAnswerRequestsInFlightAtOnce) {
+  std::vector<std::string> apps;
+  for (int i = 0; i < 25; ++i) {
+    apps.push_back(kPort + std::to_string(i));
+    installTestApp(apps.back(), "port-app", false);
+    ASSERT_TRUE(env.launch(apps.back(), "TALVO_APP_SDK_PORT_516")) << apps.back();
+  }
+  // Connected first, one by one: cold launches of both mechanisms share one field.
+  for (int i = 0; i < 25; ++i) {
+    apps.push_back(kRpc + std::to_string(i));
+    installRpcSample(apps.back());
+    ASSERT_EQ(0, act(apps.back(), "warm-up", {{"actionId", "warmUp"}}));
+    ASSERT_TRUE(waitCalls(size_t(i) + 1, 10000)) << apps.back() << "\n" << log->dump();
+  }
+  calls.all.clear();
+
+  for (const std::string &app : apps) ASSERT_EQ(0, act(app, app, {{"actionId", "go"}}));
+  ASSERT_TRUE(waitCalls(apps.size(), 30000)) << calls.all.size() << " answers";
+  RunLoopFor(300);
+  ASSERT_EQ(apps.size(), calls.all.size());
+  for (const std::string &app : apps) {
+    ASSERT_EQ(1, calls.of(app)) << app;
+    for (const Answer &a : calls.all)
+      if (a.label == app) {
+        EXPECT_EQ(app, a.appId);
+      }
+  }
+  finish();
+}
+
+TEST_F(AppFaults, DeinitializeWithLaunchWaitsPendingReleasesThemAndInitializeServesAgain) {
+  installTestApp(kPort, "idle", false);  // runs, never registers its port
+  env.installSample(kPortApp);
+  used.push_back(kPortApp);
+  ASSERT_EQ(0, act(kPort, "never", {{"actionId", "a"}}));
+  TalvoProxyIpc *ipc = TalvoProxyIpc::getInstance();
+  ASSERT_TRUE(RunLoopUntil([&] { return Running(kPort); }, 5000));
+  ASSERT_EQ(1u, ipc->appLaunchInfoMap.size());
+
+  EXPECT_EQ(0, talvo_proxy_deinitialize());
+  EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
+  RunLoopFor(1000);
+  ASSERT_EQ(0, talvo_proxy_initialize());
+  ASSERT_EQ(0, act(kPortApp, "next", {{"actionId", "playMusic"}}));
+  ASSERT_TRUE(waitCalls(1, 10000)) << log->dump();
+  RunLoopFor(300);
+  ASSERT_EQ(1u, calls.all.size());
+  EXPECT_EQ("next", calls.all[0].label);
+  finish();
+}
+
+TEST_F(AppFaults, FocusQueryAnswersNullAtOnceWithoutTheWindowManagerAndWithoutABus) {
+  installTestApp(kPort, "port-app", false);
+  wm.reset();
+  int64_t start = NowMs();
+  EXPECT_EQ(nullptr, talvo_proxy_get_focused_app_id());
+  EXPECT_LT(NowMs() - start, 5000);
+  EXPECT_TRUE(log->has("g_dbus_connection_call_sync() failed"));
+
+  bus.kill();
+  RunLoopFor(500);  // the connection learns that the bus is gone
+  log->clear();
+  EXPECT_EQ(nullptr, talvo_proxy_get_focused_app_id());
+  EXPECT_TRUE(log->has("g_dbus_connection_call_sync() failed")) << log->dump();
+  EXPECT_EQ(nullptr, talvo_proxy_get_focused_app_id());
+
+  ASSERT_EQ(0, act(kPort, "next", {{"actionId", "a"}}));
+  ASSERT_TRUE(waitCalls(1, 10000)) << log->dump();
+  EXPECT_EQ("answer:a", calls.all[0].str("result"));
+  finish();
+}
+
+TEST_F(AppFaults, SenderIdWrittenIntoAMessageIsNeverBelieved) {
+  const std::string victim = "org.velna.test.fault.victim";
+  installTestApp(kPort, "port-app", false);
+  installTestApp(victim, "port-app", false);
+  ASSERT_EQ(0, act(victim, "victim", {{"actionId", "v"}, {"fault", "silent"}}));
+  ASSERT_TRUE(RunLoopUntil([&] { return Running(victim) && log->has("Sent app launch request"); }, 5000));
+  ASSERT_TRUE(RunLoopUntil([&] { return TalvoProxyIpc::getInstance()->appLaunchInfoMap.empty(); }, 10000));
+  ASSERT_EQ(0, act(kPort, "liar", {{"actionId", "l"}, {"fault", "impersonate"}, {"victim", victim}}));
+  ASSERT_TRUE(waitCalls(1, 10000)) << log->dump();
+  RunLoopFor(500);
+
+  ASSERT_EQ(1u, calls.all.size());
+  EXPECT_EQ("liar", calls.all[0].label);
+  EXPECT_EQ(kPort, calls.all[0].appId);
+  EXPECT_EQ("impersonated", calls.all[0].str("result"));
+  EXPECT_EQ(0, calls.of("victim"));
+  finish();
+}
+
+}  // namespace
+}  // namespace faults

@@ -1,0 +1,139 @@
+// A client process that uses the library through its exported functions while apps die,
+// stall, flood or lie; a private bus, the window-manager simulator and the apps are real
+// processes. Every test ends with finish(), which ends the apps it used and checks what
+// the faults must not leave behind: descriptors, and records in the library's registries.
+#pragma once
+
+#include <app_manager.h>
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <talvo_proxy.h>
+#include <velna_main_loop.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "BusFixture.h"
+#include "Bundles.h"
+#include "LogCapture.h"
+#include "LoopUntil.h"
+#include "TempEnv.h"
+#include "ipc/TalvoProxyIpc.h"
+
+namespace faults {
+
+using namespace testsupport;
+
+constexpr char kClient[] = "org.velna.test.faultclient";
+constexpr char kMetaKey[] = "http://velna.org/velna/metadata/talvo/";
+
+inline int OpenFds() {
+  int n = 0;
+  DIR *dir = opendir("/proc/self/fd");
+  while (dir && readdir(dir)) ++n;
+  if (dir) closedir(dir);
+  return n - 3;  // ".", ".." and the directory's own descriptor
+}
+
+inline bool Running(const std::string &appId) {
+  bool running = false;
+  return app_manager_is_running(appId.c_str(), &running) == 0 && running;
+}
+
+// Every result callback's call, in call order, labelled with its request's label.
+struct Calls {
+  std::vector<Answer> all;
+  int of(const std::string &label) const {
+    int n = 0;
+    for (const Answer &a : all) n += a.label == label;
+    return n;
+  }
+};
+
+struct Request {
+  Calls *calls;
+  std::string label;
+};
+
+inline void OnResult(const char *appId, bundle *result, void *data) {
+  auto *request = static_cast<Request *>(data);
+  request->calls->all.push_back(CopyAnswer(appId, result, request->label));
+}
+
+class FaultTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("VELNA_APP_ID", kClient, 1);
+    wm = std::make_unique<WmSim>(bus);
+    ASSERT_EQ(0, velna_main_loop_init());
+    ASSERT_EQ(0, talvo_proxy_initialize());
+    ASSERT_TRUE(RunLoopUntil([&] { return !bus.ownerOf("org.velna.talvo.sdk.proxy").empty(); }, 5000));
+    fdsBefore = OpenFds();
+  }
+  void TearDown() override { talvo_proxy_deinitialize(); }
+
+  // An app served by the shared test app in mode, over the message port (sdk "1.0-alpha")
+  // or rpc-port.
+  void installTestApp(const std::string &appId, const std::string &mode, bool rpc) {
+    std::string key = kMetaKey;
+    env.install({appId, appId, "", std::string(TEST_APP) + " " + mode, "",
+                 {{key + "companion-app/version", "1.0.0"},
+                  {key + "companion-app/capsule-id", "fault.capsule"},
+                  {key + "sdk/version", rpc ? "1.1.0" : "1.0-alpha"}}});
+    used.push_back(appId);
+  }
+  void installRpcSample(const std::string &appId) {
+    std::string key = kMetaKey;
+    env.install({appId, appId, "", RPC_COMPANION_EXEC, "",
+                 {{key + "companion-app/version", "1.1.0"},
+                  {key + "companion-app/capsule-id", "fault.capsule"},
+                  {key + "sdk/version", "1.1.0"}}});
+    used.push_back(appId);
+  }
+
+  // An action request whose callback records under label; the request stays alive for
+  // the test.
+  int act(const std::string &appId, const std::string &label,
+          const std::vector<std::pair<std::string, std::string>> &entries) {
+    requests.push_back(std::make_unique<Request>(Request{&calls, label}));
+    BundlePtr b = MakeBundle(entries);
+    return talvo_proxy_app_action_execution(appId.c_str(), b.get(), OnResult, requests.back().get());
+  }
+  bool waitCalls(size_t n, int timeoutMs) {
+    return RunLoopUntil([&] { return calls.all.size() >= n; }, timeoutMs);
+  }
+
+  // Ends the apps the test used, then checks and reports that descriptors came back and
+  // that no registry keeps a record.
+  void finish() {
+    for (const std::string &appId : used) app_manager_terminate_app(appId.c_str());
+    TalvoProxyIpc *ipc = TalvoProxyIpc::getInstance();
+    auto settled = [&] {
+      return OpenFds() <= fdsBefore && ipc->clientsMap.empty() && ipc->appLaunchInfoMap.empty() &&
+             ipc->appFocusedInfoMap.empty();
+    };
+    RunLoopUntil(settled, 5000);
+    int fdsAfter = OpenFds();
+    printf("[fault] %s: descriptors %d before, %d after; clients %zu, launch waits %zu, focus waits %zu\n",
+           ::testing::UnitTest::GetInstance()->current_test_info()->name(), fdsBefore, fdsAfter,
+           ipc->clientsMap.size(), ipc->appLaunchInfoMap.size(), ipc->appFocusedInfoMap.size());
+    EXPECT_LE(fdsAfter, fdsBefore);  // fewer when the test closed something (the bus)
+    EXPECT_TRUE(ipc->clientsMap.empty());
+    EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
+    EXPECT_TRUE(ipc->appFocusedInfoMap.empty());
+  }
+
+  BusFixture bus;
+  std::unique_ptr<WmSim> wm;
+  TempEnv env;
+  std::unique_ptr<LogCapture> log = std::make_unique<LogCapture>();
+  Calls calls;
+  std::vector<std::unique_ptr<Request>> requests;
+  std::vector<std::string> used;
+  int fdsBefore = 0;
+};
+
+}  // namespace faults
