@@ -136,6 +136,34 @@ TEST_F(StateRequestTest, SecondRequestReplacesTheFirstAndTheCallersActionIdIsKep
                       std::string(kSelf)));
 }
 
+// Only a running app is asked for its state; an app whose running state cannot be read
+// (an id the platform rejects) is refused with a code of its own. Neither is recorded.
+TEST_F(StateRequestTest, AppThatDoesNotRunOrWhoseStateCannotBeReadIsRefused) {
+  struct Case {
+    const char *appId;
+    int result;
+    LogRecord line;
+  };
+  for (const Case &c :
+       {Case{kApp, -1073741825,
+             LogE("requestAppState", "App state request recieved for app:org.velna.test.music, "
+                                     "but app is not running")},
+        Case{"org.velna.test/bad", -1073741826,
+             LogE("requestAppState", "Failed to get app running status")}}) {
+    BundlePtr data = RequestWithMetadata("1.2.0", "cap.one");
+    EXPECT_EQ(request->requestAppState(c.appId, data.get(), Recorder::Callback, &recorder),
+              c.result);
+    EXPECT_TRUE(log.has(c.line)) << log.dump();
+    EXPECT_EQ(GetStr(data.get(), "type"), "<absent>");
+    BundlePtr answer = MakeBundle({{"appContext", "{}"}});
+    request->_processAppStateResult(c.appId, answer.get(), "{}");
+    EXPECT_TRUE(log.has(LogE("_processAppStateResult",
+                             std::string("No app state callback registered by talvo client for app:") +
+                                 c.appId)));
+  }
+  EXPECT_EQ(recorder.calls(), 0);
+}
+
 TEST_F(StateRequestTest, ContextIsWrappedInTheEnvelopeOrAnsweredWithFailure) {
   const std::string head = "{\"appId\":\"org.velna.test.client\",\"appVersion\":\"1.2.0\",";
   const std::string three = head + "\"capsuleId\":\"cap.one\"}";

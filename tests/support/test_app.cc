@@ -5,11 +5,11 @@
 //          string, bundle -> main: RESULT (0), string, bundle; CALLBACK (2), bundle ->
 //          callback: INVOKE (1), bundle; SILENT (3); CRASH (4) SIGKILLs itself; WHO (6)
 //          -> main: RESULT, sender, instance; anything else -> main: -1
-//   lax, callback-first, exit-on-register
+//   lax, callback-first, exit-on-register, mute-on-register
 //          serve interface "message" by hand, keeping every delegate ever registered.
 //          SetCB and UnsetCB answer MESSAGE_TEST_APP_REGISTER_RESULT (0); at SetCB,
 //          "callback-first" first sends a Callback on the main channel, "exit-on-register"
-//          exits. A Send bundle's "do" lists steps:
+//          exits, "mute-on-register" never answers. A Send bundle's "do" lists steps:
 //          "answer" (invoke every delegate "count" times with "result" = "sample_result"
 //          and "commands", the codes this connection received), "unknown-seq",
 //          "unreadable-string", "wrong-command" (7 on the callback channel),
@@ -171,7 +171,7 @@ int OnLax(const char *, const char *instance, rpc_port_h port, void *) {
     if (mode == "callback-first") Invoke(port, d, true, stray);
     bundle_free(stray);
   }
-  if (command == 2 || command == 3) Write(port, {0, kRegisterResult});
+  if ((command == 2 && mode != "mute-on-register") || command == 3) Write(port, {0, kRegisterResult});
   bundle *msg = nullptr;
   if (command == 4 && rpc_port_parcel_read_bundle(parcel, &msg) == 0) LaxSend(instance, port, msg), bundle_free(msg);
   rpc_port_parcel_destroy(parcel);
@@ -201,7 +201,8 @@ int main(int argc, char **argv) {
   if (!to.empty()) SendNumbered(to.substr(0, to.find(':')), to.substr(to.find(':') + 1), 1, 16);
 
   bool echo = mode == "echo";
-  if (echo || mode == "lax" || mode == "callback-first" || mode == "exit-on-register") {
+  if (echo || mode == "lax" || mode == "callback-first" || mode == "exit-on-register" ||
+      mode == "mute-on-register") {
     if (rpc_port_stub_create(&stub, echo ? "echo" : "message") != 0) return 1;
     rpc_port_stub_add_received_event_cb(stub, echo ? OnEcho : OnLax, nullptr);
     if (rpc_port_stub_listen(stub) != 0) return 1;
