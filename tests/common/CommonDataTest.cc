@@ -57,9 +57,10 @@ TEST_F(MetaDataRegistryTest, ManifestIsReadOnFirstRequestAndItsSdkVersionDecides
   Install(kMusic, "1.1.0");
   MetaDataInfo *info = registry->ExtractMetaData(kMusic, nullptr);
   ASSERT_NE(info, nullptr);
-  EXPECT_TRUE(log.sequence({LogD("ExtractMetaData", "remoteAppId = org.velna.test.music"),
-                            LogE("GetMetaDataInfo", "MetaDataMap entry not found for :org.velna.test.music"),
-                            LogD("ExtractMetaData", "AppSdkVersion 1.1.0")}));
+  EXPECT_TRUE(log.sequence(
+      {LogD("ExtractMetaData", "remoteAppId = org.velna.test.music"),
+       LogE("GetMetaDataInfo", "MetaDataMap entry not found for :org.velna.test.music"),
+       LogD("ExtractMetaData", "AppSdkVersion 1.1.0")}));
   EXPECT_EQ(log.count("MetaDataMap entry not found for :org.velna.test.music"), 1);
   EXPECT_EQ(info->ipcMechanism, IPC_MECHANISM_VIDL);
   EXPECT_EQ(Str(info->metadataValue->versionValue), "1.2.0");

@@ -35,7 +35,8 @@ class CoreTest : public ::testing::Test {
 TEST_F(CoreTest, EverythingIsRefusedBeforeInitialization) {
   BundlePtr data = MakeBundle();
   EXPECT_EQ(talvo_proxy_deinitialize(), 0);
-  EXPECT_TRUE(log.has(LogE("deinitialize", "TalvoProxy is not initialized. Please initialize it first.")));
+  EXPECT_TRUE(
+      log.has(LogE("deinitialize", "TalvoProxy is not initialized. Please initialize it first.")));
   EXPECT_FALSE(log.has("TalvoProxyActionRequest"));
 
   EXPECT_EQ(talvo_proxy_app_action_execution(kSelf, data.get(), Recorder::Callback, &action),
@@ -78,7 +79,8 @@ TEST_F(CoreTest, ComponentsStartAndStopInTheirOrdersAndMayStartAgain) {
   EXPECT_TRUE(log.sequence(kStartUp));
   const int second = log.size();
   EXPECT_EQ(talvo_proxy_initialize(), 0);
-  EXPECT_TRUE(log.sequence({LogE("initialize", "TalvoProxy has been already initialized")}, second));
+  EXPECT_TRUE(
+      log.sequence({LogE("initialize", "TalvoProxy has been already initialized")}, second));
   EXPECT_EQ(log.size(), second + 1) << log.dump();
 
   ASSERT_EQ(talvo_proxy_deinitialize(), 0);
@@ -186,14 +188,16 @@ TEST(ActionRegistered, OnlyAWholeListElementMatchesWithBlanksAndCaseSignificant)
     const std::string fn = "_talvo_metadata_cb";
     EXPECT_TRUE(log.has(LogD(fn, "metadata_key[" + std::string(talvo::kMetadataVersionKey) +
                                      "] metadata_value[1.0.0] metadataValueSize[5]")));
-    EXPECT_EQ(!c.actions, log.has(LogD(fn, "metadata_key[http://velna.org/later] "
-                                           "metadata_value[x] metadataValueSize[1]")));
+    EXPECT_EQ(!c.actions, log.has(LogD(fn,
+                                       "metadata_key[http://velna.org/later] "
+                                       "metadata_value[x] metadataValueSize[1]")));
     const std::string line = std::string("app[org.velna.test.app] has ") +
                              (c.registered ? "" : "not ") + "registered for Action[" + c.id + "]";
     EXPECT_TRUE(log.has(LogI("talvo_proxy_is_action_registered", line))) << log.dump();
   }
   EXPECT_FALSE(talvo_proxy_is_action_registered("org.velna.test.absent", "alpha"));
-  EXPECT_TRUE(log.has(LogE("talvo_proxy_is_action_registered", "app_info_create failed ERROR[-2]")));
+  EXPECT_TRUE(
+      log.has(LogE("talvo_proxy_is_action_registered", "app_info_create failed ERROR[-2]")));
 }
 
 }  // namespace

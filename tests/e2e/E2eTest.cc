@@ -163,7 +163,8 @@ TEST_F(E2eTest, AliasAppWithAClientIsServedOnceItHasTheFocus) {
   ASSERT_TRUE(waitForCalls(2, 5000)) << log.dump();
   EXPECT_EQ("action:second", calls[1].label);
   EXPECT_EQ("{\"actionId\":\"openGallery\",\"done\":true}", calls[1].str("result"));
-  EXPECT_TRUE(log.has(LogD("_appFocusedMonitoringCb", S(kAliasApp) + " is focused successfully.. Send data to app")));
+  EXPECT_TRUE(log.has(LogD("_appFocusedMonitoringCb",
+                           S(kAliasApp) + " is focused successfully.. Send data to app")));
 }
 
 TEST_F(E2eTest, AliasAppsFirstActionWithoutAClientIsDroppedAtFocus) {
@@ -172,10 +173,11 @@ TEST_F(E2eTest, AliasAppsFirstActionWithoutAClientIsDroppedAtFocus) {
   wm->addWindow(getpid(), true);
   BundlePtr action = MakeBundle({{"actionId", "openGallery"}});
   ASSERT_EQ(0, talvo_proxy_app_action_execution(kAliasApp, action.get(), OnAction, kFirst));
-  EXPECT_TRUE(log.has(LogD("sendData", "Alias app is existed, appid:org.velna.sample.aliascompanion")));
+  EXPECT_TRUE(
+      log.has(LogD("sendData", "Alias app is existed, appid:org.velna.sample.aliascompanion")));
 
-  ASSERT_TRUE(RunLoopUntil([&] { return log.has(LogE("_appFocusedMonitoringCb", "ClientsInfo is null")); },
-                           8000))
+  ASSERT_TRUE(RunLoopUntil(
+      [&] { return log.has(LogE("_appFocusedMonitoringCb", "ClientsInfo is null")); }, 8000))
       << log.dump();
   RunLoopFor(500);
   EXPECT_TRUE(calls.empty());

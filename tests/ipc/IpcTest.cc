@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "BusFixture.h"
 #include "Bundles.h"
+#include "BusFixture.h"
 #include "LogCapture.h"
 #include "LoopUntil.h"
 #include "TempEnv.h"
@@ -64,8 +64,8 @@ class IpcTest : public ::testing::Test {
   // An app that declares sdkVersion, run by exec (none: it cannot be launched).
   void installApp(const std::string &appId, const std::string &sdkVersion,
                   const std::string &exec = "", const std::string &allowedClients = "") {
-    env.install({appId, appId, "", exec, allowedClients,
-                 {{talvo::kMetadataSdkVersionKey, sdkVersion}}});
+    env.install(
+        {appId, appId, "", exec, allowedClients, {{talvo::kMetadataSdkVersionKey, sdkVersion}}});
   }
   MetaDataInfo *metaDataOf(const std::string &appId) {
     return TalvoProxyCommonData::getInstance()->GetMetaDataInfo(appId);
@@ -93,7 +93,7 @@ class IpcTest : public ::testing::Test {
   int presentInsideEvent = 0;
 };
 
-TEST_F(IpcTest, DeinitializeReleasesLaunchAndClientRecordsButNotFocusWaits) {
+TEST_F(IpcTest, UnconnectedClientRefusesSendsAndDeinitializeReleasesAllButFocusWaits) {
   setenv("TALVO_SAMPLE_NO_PORT", "1", 1);
   setenv("TALVO_SAMPLE_NO_LISTEN", "1", 1);
   env.installSample(kPortApp);
@@ -108,6 +108,20 @@ TEST_F(IpcTest, DeinitializeReleasesLaunchAndClientRecordsButNotFocusWaits) {
   ASSERT_EQ(2u, ipc->appLaunchInfoMap.size());
   ASSERT_EQ(1u, ipc->clientsMap.size());
 
+  // The rpc-port client is still connecting. Marked connected, its proxy still has no
+  // connection: Send raises, and the copy made for it is freed all the same (the
+  // sanitized run would report it).
+  ipc->ipcMechanism = IPC_MECHANISM_VIDL;
+  int mark = log.size();
+  EXPECT_EQ(-22, ipc->_sendDataToApp(kRpcApp, rpcRequest.get()));
+  ipc->GetClientInfo(kRpcApp)->connected = true;
+  EXPECT_EQ(kSendRefused, ipc->_sendDataToApp(kRpcApp, rpcRequest.get()));
+  EXPECT_TRUE(log.sequence({LogE("_sendDataToApp", S(kRpcApp) + " is not connected"),
+                            LogD("_sendDataToApp", "Send data start "),
+                            LogE("_sendDataToApp", "Failed to NotConnectedSocketException")},
+                           mark));
+  EXPECT_FALSE(log.has(LogI("_sendDataToApp", "Send data end")));
+
   EXPECT_EQ(0, ipc->deinitialize());
   EXPECT_TRUE(log.has(LogD("deinitialize", "TalvoProxyIpc is deinitialized")));
   EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
@@ -117,7 +131,7 @@ TEST_F(IpcTest, DeinitializeReleasesLaunchAndClientRecordsButNotFocusWaits) {
 
   // The launch waits are over; the focus wait runs on and ends (this process has no bus
   // to ask for the focus).
-  int mark = static_cast<int>(log.lines().size());
+  mark = log.size();
   RunLoopFor(800);
   EXPECT_EQ(-1, log.find("_appLaunchMonitoringCb", mark));
   EXPECT_NE(-1, log.find("_appFocusedMonitoringCb", mark));
@@ -149,7 +163,8 @@ TEST_F(IpcTest, LookupsAndRemovalsOfAnUnknownAppLogTheirErrorsAndChangeNothing) 
   ipc->ipcMechanism = IPC_MECHANISM_VIDL;
   EXPECT_EQ(-22, ipc->_sendDataToApp(app, data.get()));
 
-  const LogRecord noClient = LogE("GetClientInfo", "Couldn't find corresponding map entry for the app:" + app);
+  const LogRecord noClient =
+      LogE("GetClientInfo", "Couldn't find corresponding map entry for the app:" + app);
   EXPECT_TRUE(log.sequence(
       {LogE("GetClientInfo", "AppId is null."), noClient,
        LogE("GetAppLaunchInfo", "couldn't find corresponding map entry for the app:" + app),
@@ -161,28 +176,6 @@ TEST_F(IpcTest, LookupsAndRemovalsOfAnUnknownAppLogTheirErrorsAndChangeNothing) 
        LogE("_sendDataToApp", "Couldn't find corresponding map entry for the app: " + app)}));
   EXPECT_EQ(11, log.size()) << log.dump();
   EXPECT_NE(nullptr, metaDataOf(app));
-}
-
-TEST_F(IpcTest, RpcPortSendNeedsAConnectedClient) {
-  setenv("TALVO_SAMPLE_NO_LISTEN", "1", 1);
-  env.installSample(kRpcApp);
-  BundlePtr request = MakeBundle({{"actionId", "a"}});
-  ASSERT_EQ(0, send(kRpcApp, request.get()));
-  ClientInfo *client = ipc->GetClientInfo(kRpcApp);
-  ASSERT_NE(nullptr, client);
-  const int mark = log.size();
-  EXPECT_EQ(-22, ipc->_sendDataToApp(kRpcApp, request.get()));
-
-  // Marked connected while its proxy has no connection: Send raises, and the copy made
-  // for it is freed all the same (the sanitized run would report it).
-  client->connected = true;
-  EXPECT_EQ(kSendRefused, ipc->_sendDataToApp(kRpcApp, request.get()));
-  EXPECT_TRUE(log.sequence({LogE("_sendDataToApp", S(kRpcApp) + " is not connected"),
-                            LogD("_sendDataToApp", "Send data start "),
-                            LogE("_sendDataToApp", "Failed to NotConnectedSocketException")},
-                           mark));
-  EXPECT_FALSE(log.has(LogI("_sendDataToApp", "Send data end")));
-  EXPECT_EQ(client, ipc->GetClientInfo(kRpcApp));
 }
 
 TEST_F(IpcTest, ChunkedAnswersAreJoinedWithoutPieceKeysAndEndOnlyAtALowercaseTrue) {
@@ -215,7 +208,8 @@ TEST_F(IpcTest, ChunkedAnswersAreJoinedWithoutPieceKeysAndEndOnlyAtALowercaseTru
   receive(plain.get());
   ASSERT_EQ(3u, answers.size());
   EXPECT_EQ("x", answers[2].str("result"));
-  EXPECT_TRUE(log.has(LogD(fn, "[Received Data with len:0]------------------------------------------")));
+  EXPECT_TRUE(
+      log.has(LogD(fn, "[Received Data with len:0]------------------------------------------")));
 }
 
 TEST_F(IpcTest, MessagesAreClassifiedByTheirKeys) {
@@ -223,7 +217,8 @@ TEST_F(IpcTest, MessagesAreClassifiedByTheirKeys) {
   // Neither a result nor a context, or no sender: dropped, the half-joined answer kept.
   BundlePtr unknown = MakeBundle({{"status_code", "X"}, {"status_msg", "only status"}});
   receive(unknown.get());
-  EXPECT_TRUE(log.has(LogE("_processAppResultPort", S("Unknown message recieved from app:") + kSender)));
+  EXPECT_TRUE(
+      log.has(LogE("_processAppResultPort", S("Unknown message recieved from app:") + kSender)));
   BundlePtr anonymous = MakeBundle({{"result", "r"}});
   receive(anonymous.get(), nullptr);
   EXPECT_TRUE(log.has("Message without a sender app id dropped"));
@@ -245,7 +240,8 @@ TEST_F(IpcTest, MessagesAreClassifiedByTheirKeys) {
   // Over rpc-port the same rule holds.
   BundlePtr neither = MakeBundle({{"status_code", "X"}});
   ipc->_processAppResult(kSender, neither.get());
-  EXPECT_TRUE(log.has(LogE("_processAppResult", S("Unknown message recieved from app:") + kSender)));
+  EXPECT_TRUE(
+      log.has(LogE("_processAppResult", S("Unknown message recieved from app:") + kSender)));
   EXPECT_FALSE(log.has(LogD("_processAppResult", "Function _processAppResult End")));
   BundlePtr both = MakeBundle({{"appContext", "{}"}, {"result", "r"}});
   ipc->_processAppResult(kSender, both.get());
@@ -305,8 +301,8 @@ TEST_F(IpcTest, AnswerUpToTheCapIsJoinedAndOnePastItIsDroppedUntilItsEnd) {
 
   ASSERT_EQ(7u, answers.size());
   const std::vector<std::pair<std::string, std::string>> expected = {
-      {kSender, "ab"}, {kSender, "xy"}, {kOther, "plain"}, {kSender, "ef"}, {kOther, "gh"},
-      {kOther, "{}"}, {kSender, "{\"s\":1}"}};
+      {kSender, "ab"}, {kSender, "xy"}, {kOther, "plain"},     {kSender, "ef"},
+      {kOther, "gh"},  {kOther, "{}"},  {kSender, "{\"s\":1}"}};
   for (size_t i = 0; i < expected.size(); ++i) {
     EXPECT_EQ(expected[i].first, answers[i].appId) << i;
     EXPECT_EQ(expected[i].second, answers[i].str(i < 5 ? "result" : "appContext")) << i;
@@ -358,14 +354,15 @@ TEST_F(IpcTest, MessagePortAppIsLaunchedOnDemandAndReachedOnALaterPoll) {
   EXPECT_FALSE(answers[0].has("chunk_result"));
   EXPECT_GE(log.count(LogI("_appLaunchMonitoringCb", "_appLaunchMonitoringCb")), 3);
   const std::string app = kPortApp;
-  EXPECT_TRUE(log.sequence(
-      {LogE("_connectApp", "App state request recieved for app:" + app + ", but app is not running"),
-       LogD("_launchApp", "launch app " + app), LogD("_launchApp", "Sent app launch request for app:" + app),
-       LogD("_monitorAppLaunch", "_monitorAppLaunch"),
-       LogI("_appLaunchMonitoringCb", "_appLaunchMonitoringCb"),
-       LogD("_isConnectedToApp", app + "'s connection status:1"),
-       LogD("_appLaunchMonitoringCb", app + " is launched successfully.."),
-       LogI("_sendDataToApp", "Send data Message Port " + app)}));
+  EXPECT_TRUE(log.sequence({LogE("_connectApp", "App state request recieved for app:" + app +
+                                                    ", but app is not running"),
+                            LogD("_launchApp", "launch app " + app),
+                            LogD("_launchApp", "Sent app launch request for app:" + app),
+                            LogD("_monitorAppLaunch", "_monitorAppLaunch"),
+                            LogI("_appLaunchMonitoringCb", "_appLaunchMonitoringCb"),
+                            LogD("_isConnectedToApp", app + "'s connection status:1"),
+                            LogD("_appLaunchMonitoringCb", app + " is launched successfully.."),
+                            LogI("_sendDataToApp", "Send data Message Port " + app)}));
   EXPECT_EQ(1, log.count("Send data Message Port"));
   EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
 }
@@ -403,23 +400,28 @@ TEST_F(IpcTest, AliasAppIsLaunchedFirstAndARefusedLaunchFailsTheAction) {
                         Case{"org.a.b", "", false}, Case{"org.a", "org.a.b", true}}) {
     const std::string app = "org.velna.test.app" + std::to_string(n++);
     const std::string info = *c.infoPackage ? c.infoPackage : c.package;
-    env.install({app, c.package, c.infoPackage, "", "", {{talvo::kMetadataSdkVersionKey, "1.0-alpha"}}});
+    env.install(
+        {app, c.package, c.infoPackage, "", "", {{talvo::kMetadataSdkVersionKey, "1.0-alpha"}}});
     SCOPED_TRACE(info + " of " + c.package);
     int mark = log.size();
     BundlePtr request = MakeBundle({{"actionId", "a"}});
     EXPECT_EQ(kRefused, send(app, request.get()));
-    std::vector<LogRecord> lines = {LogD("_isExistedAliasApp", "appId(" + app + "), aliasPackageId(" + info +
-                                                                  "), originPackageId(" + c.package + ")")};
-    const LogRecord alias = LogD("_isExistedAliasApp", "Alias app is existed, alias pkg id(" + info + ")");
+    std::vector<LogRecord> lines = {LogD(
+        "_isExistedAliasApp",
+        "appId(" + app + "), aliasPackageId(" + info + "), originPackageId(" + c.package + ")")};
+    const LogRecord alias =
+        LogD("_isExistedAliasApp", "Alias app is existed, alias pkg id(" + info + ")");
     const LogRecord launchFailed = LogE("_launchApp", "Failed to launch app:" + app);
     if (c.alias)
       lines.insert(lines.end(), {alias, LogD("sendData", "Alias app is existed, appid:" + app),
                                  LogD("sendData", "Alias app is existed, ipc:IPC_MECHANISM_VIDL"),
                                  LogD("_launchApp", "launch app " + app), launchFailed});
     else
-      lines.insert(lines.end(),
-                   {LogE("_connectApp", "App state request recieved for app:" + app + ", but app is not running"),
-                    launchFailed, LogE("_connectApp", "Fail to launch app:" + app + ", ret(-1073741825)")});
+      lines.insert(
+          lines.end(),
+          {LogE("_connectApp",
+                "App state request recieved for app:" + app + ", but app is not running"),
+           launchFailed, LogE("_connectApp", "Fail to launch app:" + app + ", ret(-1073741825)")});
     EXPECT_TRUE(log.sequence(lines, mark));
     EXPECT_EQ(c.alias, log.find(alias, mark) >= 0);
     EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
@@ -471,10 +473,11 @@ TEST_F(IpcTest, RpcPortAppIsConnectedOnDemandAndTheWaitingRequestSentFromOnConne
   ASSERT_EQ(1u, ipc->clientsMap.size());
   EXPECT_FALSE(ipc->GetClientInfo(app)->connected);
   ASSERT_TRUE(waitFor(LogE("OnConnected", "appLaunchInfo is null"), mark)) << log.dump();
-  EXPECT_TRUE(log.sequence({LogI("OnConnected", "(" + app + ") is OnConnected"),
-                            LogE("GetAppLaunchInfo", "couldn't find corresponding map entry for the app:" + app),
-                            LogE("OnConnected", "appLaunchInfo is null")},
-                           mark));
+  EXPECT_TRUE(log.sequence(
+      {LogI("OnConnected", "(" + app + ") is OnConnected"),
+       LogE("GetAppLaunchInfo", "couldn't find corresponding map entry for the app:" + app),
+       LogE("OnConnected", "appLaunchInfo is null")},
+      mark));
   EXPECT_TRUE(ipc->GetClientInfo(app)->connected);
 }
 
@@ -522,8 +525,7 @@ TEST_F(IpcTest, FailedCallbackRegistrationIsAnsweredByTheLaunchWaitRunningOut) {
   ASSERT_EQ(0, send(refusing, request.get()));
   ASSERT_EQ(0, send(mute, request.get()));
 
-  ASSERT_TRUE(waitFor(LogE("OnConnected", "Fail to SetCB for (" + refusing + ")")))
-      << log.dump();
+  ASSERT_TRUE(waitFor(LogE("OnConnected", "Fail to SetCB for (" + refusing + ")"))) << log.dump();
   ASSERT_TRUE(waitFor(LogE("OnConnected", "Failed to InvalidProtocolException (" + mute + ")")))
       << log.dump();
   for (const std::string &app : {refusing, mute}) {
@@ -540,9 +542,10 @@ TEST_F(IpcTest, FailedCallbackRegistrationIsAnsweredByTheLaunchWaitRunningOut) {
   EXPECT_EQ(mute, answers[1].appId);
   for (const Answer &answer : answers) {
     EXPECT_EQ(kFailure, answer.str("result"));
-    EXPECT_TRUE(log.sequence({LogD("_appLaunchMonitoringCb", answer.appId + " fail to launch.."),
-                              LogD("ClientRemove", "Remove clientMap size(" +
-                                                       std::to_string(answer.appId == refusing) + ")")}));
+    EXPECT_TRUE(
+        log.sequence({LogD("_appLaunchMonitoringCb", answer.appId + " fail to launch.."),
+                      LogD("ClientRemove", "Remove clientMap size(" +
+                                               std::to_string(answer.appId == refusing) + ")")}));
     EXPECT_EQ(nullptr, metaDataOf(answer.appId));
   }
   EXPECT_TRUE(ipc->clientsMap.empty());
@@ -556,8 +559,9 @@ TEST_F(IpcTest, SecondRequestDuringAnRpcPortLaunchReplacesTheWaitingOne) {
   BundlePtr second = MakeBundle({{"actionId", "second"}});
   ASSERT_EQ(0, send(kRpcApp, first.get()));
   ASSERT_EQ(0, send(kRpcApp, second.get()));
-  EXPECT_TRUE(log.sequence({LogD("_connectApp", S("app launch for app:") + kRpcApp + " already in progress"),
-                            LogD("_updateAppLaunchInfo", S("Function _updateAppLaunchInfo ") + kRpcApp)}));
+  EXPECT_TRUE(log.sequence(
+      {LogD("_connectApp", S("app launch for app:") + kRpcApp + " already in progress"),
+       LogD("_updateAppLaunchInfo", S("Function _updateAppLaunchInfo ") + kRpcApp)}));
   EXPECT_EQ(1u, ipc->clientsMap.size());
 
   ASSERT_TRUE(waitForAnswers(1)) << log.dump();
@@ -623,8 +627,8 @@ TEST_F(IpcTest, FocusWaitMatchesByPrefixRestartsOnANewRequestAndHandsOverAnUnrea
   BundlePtr request = MakeBundle({{"actionId", "show"}});
   ASSERT_EQ(0, ipc->_monitorAppFocused(app, request.get()));
   auto notFocused = [&](int count) {
-    return LogI("_appFocusedMonitoringCb", "[" + std::to_string(count) + "] app:" + app +
-                                               ", focused App:" + kClientId);
+    return LogI("_appFocusedMonitoringCb",
+                "[" + std::to_string(count) + "] app:" + app + ", focused App:" + kClientId);
   };
   ASSERT_TRUE(waitFor(notFocused(4))) << log.dump();
   EXPECT_TRUE(log.has(notFocused(0)));
@@ -644,7 +648,8 @@ TEST_F(IpcTest, FocusWaitMatchesByPrefixRestartsOnANewRequestAndHandsOverAnUnrea
   ASSERT_TRUE(waitFor(sent, mark, 10000)) << log.dump();
   EXPECT_TRUE(log.sequence(
       {LogD("_appFocusedMonitoringCb", app + " is focused successfully.. try to connect app"),
-       LogE("_connectApp", "App state request recieved for app:" + app + ", but app is not running"),
+       LogE("_connectApp",
+            "App state request recieved for app:" + app + ", but app is not running"),
        LogD("_launchApp", "Sent app launch request for app:" + app),
        LogD("_appFocusedMonitoringCb", "monitoring app:" + app),
        LogD("_monitorAppLaunch", "_monitorAppLaunch"),
