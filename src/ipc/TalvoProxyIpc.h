@@ -102,7 +102,7 @@ class TalvoProxyIpc {
   std::string appStateChunks;
   std::string resultChunks;
   // The app whose chunked answer of that kind passed the buffer cap, while that answer's
-  // remaining pieces are being dropped (see JoinPiece in the receive path); empty when
+  // remaining pieces are being dropped (see JoinPiece in the receive path); unset when
   // nothing is being dropped.
   std::optional<std::string> appStateChunksDroppedFrom;
   std::optional<std::string> resultChunksDroppedFrom;
