@@ -19,18 +19,20 @@ constexpr uint8_t kText = 1, kMarker = 2, kPiece = 4, kLast = 64, kLarge = 128;
 struct Kind {
   const char *text_key, *marker_key, *piece_key, *text;  // text: what a plain answer holds
   std::string TalvoProxyIpc::*chunks;
-  bool TalvoProxyIpc::*dropping;
+  std::optional<std::string> TalvoProxyIpc::*droppedFrom;
 };
 const Kind kKinds[] = {
     {"appContext", "app_state_last_chunk", "app_state_chunk_result", "ctx",
-     &TalvoProxyIpc::appStateChunks, &TalvoProxyIpc::appStateChunksDropped},
+     &TalvoProxyIpc::appStateChunks, &TalvoProxyIpc::appStateChunksDroppedFrom},
     {"result", "last_chunk", "chunk_result", "res", &TalvoProxyIpc::resultChunks,
-     &TalvoProxyIpc::resultChunksDropped},
+     &TalvoProxyIpc::resultChunksDroppedFrom},
 };
 
 struct Model {
   std::string buffer;
-  bool dropping = false;  // the answer in flight passed the cap: dropped up to its last piece
+  // The answer in flight passed the cap: dropped up to its last piece, or up to a plain
+  // answer of its kind (there is one sender here).
+  bool dropping = false;
 };
 
 const Kind *expected_kind;  // set while an answer is expected to be handed on
@@ -60,6 +62,7 @@ bool Step(Model &m, const Kind &kind, unsigned keys, bool last, const std::strin
     if (!last) return false;
   }
   // A joined text ends at its first zero; a text the answer holds already is kept.
+  m.dropping = false;
   expected_text = (keys & kText) ? kind.text : m.buffer.c_str();
   joined = keys & kMarker;
   std::string().swap(m.buffer);
@@ -80,7 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   Model models[2];
   for (const Kind &kind : kKinds) {
     std::string().swap(ipc->*kind.chunks);
-    ipc->*kind.dropping = false;
+    (ipc->*kind.droppedFrom).reset();
   }
 
   for (size_t at = 0; at + 2 <= size;) {

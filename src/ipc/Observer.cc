@@ -70,7 +70,8 @@ void Observer::OnConnected() {
 void Observer::OnDisconnected() {
   try {
     LOGI("(%s) is OnDisconnected", appId.c_str());
-    postClientRemove();
+    if (!postClientRemove())
+      LOGE("clientRemoveData is null");
   } catch (...) {
     LOGE("Unexpected exception in OnDisconnected");
   }
@@ -79,22 +80,22 @@ void Observer::OnDisconnected() {
 void Observer::OnRejected() {
   try {
     LOGI("(%s) is OnRejected", appId.c_str());
-    postClientRemove();
+    if (!postClientRemove())
+      LOGE("clientRemoveData is null");
   } catch (...) {
     LOGE("Unexpected exception in OnRejected");
   }
 }
 
-void Observer::postClientRemove() {
+bool Observer::postClientRemove() {
   std::unique_ptr<ClientRemoveData> data(new (std::nothrow) ClientRemoveData());
-  if (!data) {
-    LOGE("clientRemoveData is null");
-    return;
-  }
+  if (!data)
+    return false;
   data->ipc = TalvoProxyIpc::getInstance();
   data->appId = appId;
   // Ownership passes to the idle callback, which frees it.
   g_idle_add(TalvoProxyIpc::_clientRemoveCb, data.release());
+  return true;
 }
 
 }  // namespace talvo

@@ -22,7 +22,9 @@ class Observer : public rpc_port::message::proxy::message::IEventListener {
   void OnRejected() override;
 
  private:
-  void postClientRemove();
+  // False when the removal record cannot be allocated; the caller logs that under its own
+  // name, and the client stays until something else removes it.
+  bool postClientRemove();
 
   std::string appId;  // copy of the app this observer listens to
 };

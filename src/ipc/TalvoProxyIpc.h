@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "common/TalvoProxyCommonData.h"
@@ -100,10 +101,11 @@ class TalvoProxyIpc {
   bool initialized = false;
   std::string appStateChunks;
   std::string resultChunks;
-  // Set when the chunked answer in flight passed the buffer cap: its remaining pieces are
-  // dropped up to and including its final one.
-  bool appStateChunksDropped = false;
-  bool resultChunksDropped = false;
+  // The app whose chunked answer of that kind passed the buffer cap, while that answer's
+  // remaining pieces are being dropped (see JoinPiece in the receive path); unset when
+  // nothing is being dropped.
+  std::optional<std::string> appStateChunksDroppedFrom;
+  std::optional<std::string> resultChunksDroppedFrom;
   std::map<std::string, AppLaunchInfo *> appLaunchInfoMap;    // owns its records
   std::map<std::string, AppFocusedInfo *> appFocusedInfoMap;  // owns its records
   std::map<std::string, ClientInfo *> clientsMap;             // owns its records

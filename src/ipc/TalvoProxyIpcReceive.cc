@@ -1,6 +1,8 @@
 // TalvoProxyIpc: answers arriving on the library's message port (with chunk assembly in
 // the two process-wide buffers) and over rpc-port, handed to the registered handler.
 #include <cstring>
+#include <optional>
+#include <string>
 
 #include "common/Log.h"
 #include "ipc/TalvoProxyIpc.h"
@@ -21,16 +23,26 @@ char *GetStr(bundle *b, const char *key) {
 // answer: the joined text (up to its first zero byte) has then been added under joinedKey,
 // unless the message holds that key already, and the marker and piece keys are deleted.
 //
-// A piece that would take the buffer past its cap drops the half-joined answer; the
-// answer's later pieces are dropped too, up to and including its final one, so that its
-// tail never reaches the handler as if it were whole.
-bool JoinPiece(std::string &buffer, bool &dropping, bundle *message, const char *marker,
-               const char *markerKey, const char *pieceKey, const char *joinedKey,
-               const std::string &appId) {
+// A piece that would take the buffer past its cap drops the half-joined answer, and the
+// answer's later pieces are dropped too, so that its tail never reaches the handler as if
+// it were whole. droppedFrom names the sender while that lasts. The drop ends at the first
+// of: that sender's final piece of this kind (dropped as well); a piece of this kind from
+// another app, which starts a new answer, so that an app that never finishes its oversized
+// answer cannot swallow the answers of others; a plain answer of this kind, handed on as
+// usual (_processAppResultPort). A chunked answer that the same sender starts before it
+// has sent its oversized answer's final piece cannot be told from that answer's tail and
+// is dropped with it.
+bool JoinPiece(std::string &buffer, std::optional<std::string> &droppedFrom, bundle *message,
+               const char *marker, const char *markerKey, const char *pieceKey,
+               const char *joinedKey, const std::string &appId) {
   const bool last = strcmp(marker, "true") == 0;
-  if (dropping) {
-    dropping = !last;
-    return false;
+  if (droppedFrom) {
+    if (*droppedFrom == appId) {
+      if (last)
+        droppedFrom.reset();
+      return false;
+    }
+    droppedFrom.reset();
   }
 
   void *bytes = nullptr;
@@ -40,7 +52,8 @@ bool JoinPiece(std::string &buffer, bool &dropping, bundle *message, const char 
       LOGE("Chunked answer from app:%s passes %zu bytes, dropped", appId.c_str(),
            kChunkBufferCap);
       std::string().swap(buffer);
-      dropping = !last;
+      if (!last)
+        droppedFrom = appId;
       return false;
     }
     buffer.append(static_cast<const char *>(bytes), size);
@@ -100,17 +113,20 @@ void TalvoProxyIpc::_processAppResultPort(std::string appId, bundle *message) {
   LOGD("Status Message:%s", talvo::NullSafe(GetStr(message, kKeyStatusMsg)));
 
   if (isState) {
-    if (stateMarker && !JoinPiece(appStateChunks, appStateChunksDropped, message, stateMarker,
-                                  kKeyAppStateLastChunk, kKeyAppStateChunk, kKeyAppContext,
-                                  appId))
+    if (!stateMarker)
+      appStateChunksDroppedFrom.reset();
+    else if (!JoinPiece(appStateChunks, appStateChunksDroppedFrom, message, stateMarker,
+                        kKeyAppStateLastChunk, kKeyAppStateChunk, kKeyAppContext, appId))
       return;
     HandOn(*this, appId, message);
     std::string().swap(appStateChunks);  // also gives back a large buffer's memory
     return;
   }
 
-  if (resultMarker && !JoinPiece(resultChunks, resultChunksDropped, message, resultMarker,
-                                 kKeyLastChunk, kKeyChunk, kKeyResult, appId))
+  if (!resultMarker)
+    resultChunksDroppedFrom.reset();
+  else if (!JoinPiece(resultChunks, resultChunksDroppedFrom, message, resultMarker,
+                      kKeyLastChunk, kKeyChunk, kKeyResult, appId))
     return;
   LOGD("[App Result received] : Message from %s", appId.c_str());
   LOGD("[Received Data with len:%d]------------------------------------------",

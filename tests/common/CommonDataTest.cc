@@ -57,13 +57,17 @@ TEST_F(MetaDataRegistryTest, ManifestIsReadOnFirstRequestAndItsSdkVersionDecides
   Install(kMusic, "1.1.0");
   MetaDataInfo *info = registry->ExtractMetaData(kMusic, nullptr);
   ASSERT_NE(info, nullptr);
+  EXPECT_TRUE(log.sequence(
+      {LogD("ExtractMetaData", "remoteAppId = org.velna.test.music"),
+       LogE("GetMetaDataInfo", "MetaDataMap entry not found for :org.velna.test.music"),
+       LogD("ExtractMetaData", "AppSdkVersion 1.1.0")}));
   EXPECT_EQ(log.count("MetaDataMap entry not found for :org.velna.test.music"), 1);
   EXPECT_EQ(info->ipcMechanism, IPC_MECHANISM_VIDL);
   EXPECT_EQ(Str(info->metadataValue->versionValue), "1.2.0");
   EXPECT_EQ(Str(info->metadataValue->capsuleIdValue), "cap.org.velna.test.music");
   EXPECT_EQ(Str(info->metadataValue->sdkVersionValue), "1.1.0");
   // The action-id key and the foreign key are unknown here and do not stop the reading.
-  EXPECT_EQ(log.count("Unknown metadata key."), 2);
+  EXPECT_EQ(log.count(LogD("_talvo_metadata_cb", "Unknown metadata key.")), 2);
   EXPECT_EQ(registry->GetMetaDataInfo(kMusic), info);
 
   Install("org.velna.test.none", nullptr);
@@ -125,11 +129,13 @@ TEST_F(MetaDataRegistryTest, FailedReadingRemovalAndDeinitializationLeaveNoRecor
   ASSERT_NE(registry->ExtractMetaData("org.velna.test.two", data.get()), nullptr);
   log.clear();
   registry->RemoveMetaDataMapEntry("org.velna.test.absent");
-  EXPECT_EQ(log.count("MetaDataMap entry not found for :org.velna.test.absent"), 1);
-  EXPECT_EQ(log.count("MetaDataInfo is null"), 1);
+  EXPECT_TRUE(log.sequence(
+      {LogE("GetMetaDataInfo", "MetaDataMap entry not found for :org.velna.test.absent"),
+       LogE("RemoveMetaDataMapEntry", "MetaDataInfo is null")}));
+  EXPECT_EQ(log.size(), 2) << log.dump();
   // Size 1 left: the removal of the unknown app took nothing away.
   registry->RemoveMetaDataMapEntry("org.velna.test.one");
-  EXPECT_TRUE(log.has("Remove metaDataMap size(1)")) << log.dump();
+  EXPECT_TRUE(log.has(LogD("RemoveMetaDataMapEntry", "Remove metaDataMap size(1)")));
   EXPECT_EQ(registry->GetMetaDataInfo("org.velna.test.one"), nullptr);
 
   log.clear();

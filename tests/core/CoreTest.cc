@@ -12,6 +12,7 @@
 #include "TempEnv.h"
 #include "common/MetaDataKeys.h"
 #include "core/TalvoProxy.h"
+#include "ipc/TalvoProxyIpc.h"
 #include "talvo_proxy.h"
 
 namespace {
@@ -34,7 +35,8 @@ class CoreTest : public ::testing::Test {
 TEST_F(CoreTest, EverythingIsRefusedBeforeInitialization) {
   BundlePtr data = MakeBundle();
   EXPECT_EQ(talvo_proxy_deinitialize(), 0);
-  EXPECT_TRUE(log.has("TalvoProxy is not initialized. Please initialize it first."));
+  EXPECT_TRUE(
+      log.has(LogE("deinitialize", "TalvoProxy is not initialized. Please initialize it first.")));
   EXPECT_FALSE(log.has("TalvoProxyActionRequest"));
 
   EXPECT_EQ(talvo_proxy_app_action_execution(kSelf, data.get(), Recorder::Callback, &action),
@@ -42,6 +44,9 @@ TEST_F(CoreTest, EverythingIsRefusedBeforeInitialization) {
   EXPECT_EQ(talvo_proxy_app_state_request(kSelf, data.get(), Recorder::Callback, &state),
             kRefused);
   EXPECT_EQ(talvo_proxy_get_focused_app_id(), nullptr);
+  EXPECT_TRUE(log.sequence({LogE("executeAction", "Talvo Proxy is not initialized"),
+                            LogE("requestAppState", "Talvo Proxy is not initialized"),
+                            LogE("getFocusedAppId", "Talvo Proxy is not initialized")}));
   EXPECT_EQ(log.count("Talvo Proxy is not initialized"), 3);
   EXPECT_EQ(bundle_get_count(data.get()), 0);
 
@@ -55,25 +60,61 @@ TEST_F(CoreTest, EverythingIsRefusedBeforeInitialization) {
   EXPECT_EQ(action.calls() + state.calls(), 0);
 }
 
-TEST_F(CoreTest, SecondInitializeChangesNothingAndReinitializationStartsAllAgain) {
+// Start-up runs IPC, action request, state request, common data; shut-down runs both
+// request components first, then IPC, then common data (which logs nothing when it stops).
+const std::vector<LogRecord> kStartUp = {
+    LogD("initialize", "TalvoProxyIpc is initialized"),
+    LogD("initialize", "TalvoProxyActionRequest is initialized"),
+    LogD("initialize", "TalvoProxyStateRequest is initialized"),
+    LogD("initialize", "TalvoProxyCommonData is initialized"),
+    LogD("initialize", "TalvoProxy is initialized")};
+const std::vector<LogRecord> kShutDown = {
+    LogD("deinitialize", "TalvoProxyActionRequest is deinitialized"),
+    LogD("deinitialize", "TalvoProxyStateRequest is deinitialized"),
+    LogD("deinitialize", "TalvoProxyIpc is deinitialized"),
+    LogD("deinitialize", "TalvoProxy is deinitialized")};
+
+TEST_F(CoreTest, ComponentsStartAndStopInTheirOrdersAndMayStartAgain) {
   ASSERT_EQ(talvo_proxy_initialize(), 0);
+  EXPECT_TRUE(log.sequence(kStartUp));
+  const int second = log.size();
   EXPECT_EQ(talvo_proxy_initialize(), 0);
-  EXPECT_EQ(log.count("TalvoProxy is initialized"), 1);
-  EXPECT_EQ(log.count("TalvoProxy has been already initialized"), 1);
-  EXPECT_EQ(log.count("dbusOwnId : "), 1);
+  EXPECT_TRUE(
+      log.sequence({LogE("initialize", "TalvoProxy has been already initialized")}, second));
+  EXPECT_EQ(log.size(), second + 1) << log.dump();
 
   ASSERT_EQ(talvo_proxy_deinitialize(), 0);
+  EXPECT_TRUE(log.sequence(kShutDown, second));
   EXPECT_EQ(talvo_proxy_app_action_execution(kSelf, nullptr, nullptr, nullptr), kRefused);
 
   log.clear();
   EXPECT_EQ(talvo_proxy_initialize(), 0);
-  EXPECT_TRUE(log.has("TalvoProxy is initialized"));
-  EXPECT_TRUE(log.has("TalvoProxyActionRequest is initialized"));
-  EXPECT_TRUE(log.has("TalvoProxyStateRequest is initialized"));
+  EXPECT_TRUE(log.sequence(kStartUp));
   EXPECT_TRUE(log.has("dbusOwnId : "));
   EXPECT_FALSE(log.has("already initialized"));
+  EXPECT_EQ(log.unprefixed(), 0) << log.dump();
   // A new ownership request is made; its acquisition hands over a connection again.
   EXPECT_TRUE(RunLoopUntil([&] { return log.has("GDBUS connection is"); }, 10000));
+}
+
+// A process without an app id cannot own the library's port: the IPC component stays
+// down, the rest starts, and the client is told success all the same.
+TEST_F(CoreTest, PortRegistrationFailureLeavesOnlyTheIpcComponentDown) {
+  unsetenv("VELNA_APP_ID");
+  ASSERT_EQ(talvo_proxy_initialize(), 0);
+  EXPECT_TRUE(log.sequence({LogE("initialize", "message_port_register_local_port error: -22"),
+                            LogD("initialize", "TalvoProxyActionRequest is initialized"),
+                            LogD("initialize", "TalvoProxy is initialized")}));
+  EXPECT_FALSE(log.has(LogD("initialize", "TalvoProxyIpc is initialized")));
+  EXPECT_EQ(TalvoProxyIpc::getInstance()->initialize(), -1073741822);
+
+  BundlePtr data = RequestWithMetadata("1.0.0", "cap.self", "1.0-alpha");
+  EXPECT_EQ(talvo_proxy_app_action_execution(kSelf, data.get(), Recorder::Callback, &action),
+            kRefused);
+  EXPECT_TRUE(log.has(LogE("sendData", "Talvo Proxy is not initialized")));
+  EXPECT_EQ(talvo_proxy_deinitialize(), 0);
+  EXPECT_TRUE(log.has(
+      LogE("deinitialize", "TalvoProxyIpc is not initialized. Please initialize at first.")));
 }
 
 // The test process is also the companion app: the answers are handed to the result
@@ -138,14 +179,25 @@ TEST(ActionRegistered, OnlyAWholeListElementMatchesWithBlanksAndCaseSignificant)
                         Case{nullptr, "alpha", false}}) {
     Manifest m{app, app, "", "", "", {{talvo::kMetadataVersionKey, "1.0.0"}}};
     if (c.actions) m.metadata.emplace_back(talvo::kMetadataActionIdKey, c.actions);
+    m.metadata.emplace_back("http://velna.org/later", "x");
     env.install(m);
+    log.clear();
     EXPECT_EQ(c.registered, talvo_proxy_is_action_registered(app, c.id))
         << (c.actions ? c.actions : "(no key)") << " / '" << c.id << "'";
+    // The entries are read up to the first action-id entry, whatever its outcome.
+    const std::string fn = "_talvo_metadata_cb";
+    EXPECT_TRUE(log.has(LogD(fn, "metadata_key[" + std::string(talvo::kMetadataVersionKey) +
+                                     "] metadata_value[1.0.0] metadataValueSize[5]")));
+    EXPECT_EQ(!c.actions, log.has(LogD(fn,
+                                       "metadata_key[http://velna.org/later] "
+                                       "metadata_value[x] metadataValueSize[1]")));
+    const std::string line = std::string("app[org.velna.test.app] has ") +
+                             (c.registered ? "" : "not ") + "registered for Action[" + c.id + "]";
+    EXPECT_TRUE(log.has(LogI("talvo_proxy_is_action_registered", line))) << log.dump();
   }
-  EXPECT_TRUE(log.has("app[org.velna.test.app] has registered for Action[gamma]"));
-  EXPECT_TRUE(log.has("app[org.velna.test.app] has not registered for Action[alp]"));
   EXPECT_FALSE(talvo_proxy_is_action_registered("org.velna.test.absent", "alpha"));
-  EXPECT_TRUE(log.has("app_info_create failed ERROR[-2]"));
+  EXPECT_TRUE(
+      log.has(LogE("talvo_proxy_is_action_registered", "app_info_create failed ERROR[-2]")));
 }
 
 }  // namespace

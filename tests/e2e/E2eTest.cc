@@ -21,20 +21,26 @@ namespace {
 
 using namespace testsupport;
 
-// Every result callback's call, in call order; the label is "action:" or "state:" and the
-// request's user data, a string.
+// Every result callback's call, in call order, and its monotonic time; the label is
+// "action:" or "state:" and the request's user data, a string.
 std::vector<Answer> calls;
+std::vector<gint64> callTimes;
 
 void OnAction(const char *appId, bundle *result, void *label) {
   calls.push_back(CopyAnswer(appId, result, "action:" + std::string((char *)label)));
+  callTimes.push_back(g_get_monotonic_time());
 }
 void OnState(const char *appId, bundle *result, void *label) {
   calls.push_back(CopyAnswer(appId, result, "state:" + std::string((char *)label)));
+  callTimes.push_back(g_get_monotonic_time());
 }
 
 char kFirst[] = "first";
 char kSecond[] = "second";
 char kThird[] = "third";
+char kFourth[] = "fourth";
+
+std::string S(const char *text) { return text; }
 
 class E2eTest : public ::testing::Test {
  protected:
@@ -157,7 +163,8 @@ TEST_F(E2eTest, AliasAppWithAClientIsServedOnceItHasTheFocus) {
   ASSERT_TRUE(waitForCalls(2, 5000)) << log.dump();
   EXPECT_EQ("action:second", calls[1].label);
   EXPECT_EQ("{\"actionId\":\"openGallery\",\"done\":true}", calls[1].str("result"));
-  EXPECT_TRUE(log.has("is focused successfully.. Send data to app"));
+  EXPECT_TRUE(log.has(LogD("_appFocusedMonitoringCb",
+                           S(kAliasApp) + " is focused successfully.. Send data to app")));
 }
 
 TEST_F(E2eTest, AliasAppsFirstActionWithoutAClientIsDroppedAtFocus) {
@@ -166,10 +173,11 @@ TEST_F(E2eTest, AliasAppsFirstActionWithoutAClientIsDroppedAtFocus) {
   wm->addWindow(getpid(), true);
   BundlePtr action = MakeBundle({{"actionId", "openGallery"}});
   ASSERT_EQ(0, talvo_proxy_app_action_execution(kAliasApp, action.get(), OnAction, kFirst));
-  EXPECT_TRUE(log.has("Alias app is existed, appid:org.velna.sample.aliascompanion"));
+  EXPECT_TRUE(
+      log.has(LogD("sendData", "Alias app is existed, appid:org.velna.sample.aliascompanion")));
 
-  ASSERT_TRUE(RunLoopUntil([&] { return log.has("_appFocusedMonitoringCb(): ClientsInfo is null"); },
-                           8000))
+  ASSERT_TRUE(RunLoopUntil(
+      [&] { return log.has(LogE("_appFocusedMonitoringCb", "ClientsInfo is null")); }, 8000))
       << log.dump();
   RunLoopFor(500);
   EXPECT_TRUE(calls.empty());
@@ -177,7 +185,9 @@ TEST_F(E2eTest, AliasAppsFirstActionWithoutAClientIsDroppedAtFocus) {
 }
 
 // The slow waits share one test: both launch waits answer the library's failure at about
-// 10 s while the focus wait goes on to 31 s and drops its request.
+// 10 s while the focus wait goes on to 31 s and drops its request. A second request to the
+// message-port app replaces the waiting one and keeps its poll count: the wait still ends
+// 102 polls of 0.1 s after the first request.
 TEST_F(E2eTest, FocusWaitRunsOutWhileLaunchWaitsOfBothMechanismsAnswerFailure) {
   // Every sample app starts but never becomes reachable or takes the focus.
   setenv("TALVO_SAMPLE_NO_FOCUS", "1", 1);
@@ -198,24 +208,31 @@ TEST_F(E2eTest, FocusWaitRunsOutWhileLaunchWaitsOfBothMechanismsAnswerFailure) {
   ASSERT_EQ(0, talvo_proxy_app_action_execution(kAliasApp, alias.get(), OnAction, kFirst));
   ASSERT_EQ(0, talvo_proxy_app_action_execution(kRpcApp, rpc.get(), OnAction, kSecond));
   ASSERT_EQ(0, talvo_proxy_app_action_execution(kPortApp, port.get(), OnAction, kThird));
+  const LogRecord tick = LogI("_appLaunchMonitoringCb", "_appLaunchMonitoringCb");
+  ASSERT_TRUE(RunLoopUntil([&] { return log.count(tick) >= 30; }, 8000)) << log.dump();
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kPortApp, port.get(), OnAction, kFourth));
 
   ASSERT_TRUE(waitForCalls(2, 20000)) << log.dump();
-  EXPECT_GE((g_get_monotonic_time() - start) / 1000, 9500);
-  for (const Answer &call : calls) {
-    EXPECT_EQ(call.appId == kRpcApp ? "action:second" : "action:third", call.label);
+  for (size_t i = 0; i < calls.size(); ++i) {
+    const Answer &call = calls[i];
+    EXPECT_EQ(call.appId == kRpcApp ? "action:second" : "action:fourth", call.label);
     EXPECT_EQ("{\"result\":\"Failure\"}", call.str("result"));
     EXPECT_EQ(1u, call.strings.size());
+    const gint64 ms = (callTimes[i] - start) / 1000;
+    EXPECT_GE(ms, 9500) << call.appId;
+    EXPECT_LE(ms, 14000) << call.appId;
   }
   // The rpc-port wait ticks once at 10 s, the message-port wait 102 times at 0.1 s; the
   // rpc-port client went with its wait.
-  EXPECT_EQ(103, log.count("_appLaunchMonitoringCb(): _appLaunchMonitoringCb"));
-  EXPECT_TRUE(log.has("Remove clientMap size(0)"));
+  EXPECT_EQ(103, log.count(tick));
+  EXPECT_TRUE(log.sequence({LogD("_appLaunchMonitoringCb", S(kRpcApp) + " fail to launch.."),
+                            LogD("ClientRemove", "Remove clientMap size(0)")}));
 
-  ASSERT_TRUE(RunLoopUntil([&] { return log.has("fail to connect after focused, cnt(61).."); },
-                           30000))
-      << log.dump();
+  const LogRecord focusGiveUp =
+      LogD("_appFocusedMonitoringCb", S(kAliasApp) + " fail to connect after focused, cnt(61)..");
+  ASSERT_TRUE(RunLoopUntil([&] { return log.has(focusGiveUp); }, 30000)) << log.dump();
   EXPECT_GE((g_get_monotonic_time() - start) / 1000, 30500);
-  EXPECT_EQ(62, log.count("_appFocusedMonitoringCb(): _appFocusedMonitoringCb"));
+  EXPECT_EQ(62, log.count(LogI("_appFocusedMonitoringCb", "_appFocusedMonitoringCb")));
   RunLoopFor(300);
   EXPECT_EQ(2u, calls.size());
 }

@@ -6,7 +6,6 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -194,20 +193,9 @@ TEST_F(MessageProxy, CallsBeforeTheConnectedEventThrowAndSendNothing) {
   EXPECT_EQ(seen->commands, Strings{"2,4"});
 }
 
-TEST_F(MessageProxy, ConnectMapsInvalidIdPermissionAndIoRefusalsAndOnlyLogsOthers) {
-  Install("org.velna.test.closedapp", "org.velna.test.someoneelse;");
-  message unknown(&listener, "org.velna.test.notinstalled");
-  EXPECT_THROW(unknown.Connect(), proxy::InvalidIDException);
-  message closed(&listener, "org.velna.test.closedapp");
-  EXPECT_THROW(closed.Connect(), proxy::PermissionDeniedException);
-  EXPECT_TRUE(HasProxyLine("Connect", "Failed to connect message"));
-
-  std::string notADirectory = env.root() + "/file";
-  std::ofstream(notADirectory) << "x";
-  setenv("VELNA_RUNTIME_DIR", notADirectory.c_str(), 1);
-  message broken(&listener, kAppId);
-  EXPECT_THROW(broken.Connect(), proxy::InvalidIOException);
-
+// The refusals that raise (-22, -13, -5) are pinned through the IPC component's connect;
+// any other refusal is only logged.
+TEST_F(MessageProxy, ConnectOnlyLogsARefusalWithoutAnException) {
   std::string deep = env.root() + "/" + std::string(100, 'd');
   ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
   setenv("VELNA_RUNTIME_DIR", deep.c_str(), 1);  // no room left for socket names: -36

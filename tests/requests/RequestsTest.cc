@@ -136,6 +136,24 @@ TEST_F(StateRequestTest, SecondRequestReplacesTheFirstAndTheCallersActionIdIsKep
                       std::string(kSelf)));
 }
 
+// Only a running app is asked for its state; an app whose running state cannot be read
+// (an id the platform rejects) is refused with a code of its own. Neither is recorded.
+TEST_F(StateRequestTest, AppThatDoesNotRunOrWhoseStateCannotBeReadIsRefused) {
+  BundlePtr data = RequestWithMetadata("1.2.0", "cap.one");
+  EXPECT_EQ(request->requestAppState(kApp, data.get(), Recorder::Callback, &recorder), -1073741825);
+  EXPECT_EQ(
+      request->requestAppState("org.velna.test/bad", data.get(), Recorder::Callback, &recorder),
+      -1073741826);
+  EXPECT_TRUE(log.sequence(
+      {LogE("requestAppState",
+            "App state request recieved for app:" + std::string(kApp) + ", but app is not running"),
+       LogE("requestAppState", "Failed to get app running status")}));
+  EXPECT_EQ(GetStr(data.get(), "type"), "<absent>");
+  BundlePtr answer = MakeBundle({{"appContext", "{}"}});
+  request->_processAppStateResult(kApp, answer.get(), "{}");
+  EXPECT_EQ(recorder.calls(), 0);
+}
+
 TEST_F(StateRequestTest, ContextIsWrappedInTheEnvelopeOrAnsweredWithFailure) {
   const std::string head = "{\"appId\":\"org.velna.test.client\",\"appVersion\":\"1.2.0\",";
   const std::string three = head + "\"capsuleId\":\"cap.one\"}";
