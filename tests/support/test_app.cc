@@ -5,11 +5,11 @@
 //          string, bundle -> main: RESULT (0), string, bundle; CALLBACK (2), bundle ->
 //          callback: INVOKE (1), bundle; SILENT (3); CRASH (4) SIGKILLs itself; WHO (6)
 //          -> main: RESULT, sender, instance; anything else -> main: -1
-//   lax, callback-first, exit-on-register, mute-on-register
+//   lax, callback-first, exit-on-register
 //          serve interface "message" by hand, keeping every delegate ever registered.
 //          SetCB and UnsetCB answer MESSAGE_TEST_APP_REGISTER_RESULT (0); at SetCB,
 //          "callback-first" first sends a Callback on the main channel, "exit-on-register"
-//          exits, "mute-on-register" never answers. A Send bundle's "do" lists steps:
+//          exits. A Send bundle's "do" lists steps:
 //          "answer" (invoke every delegate "count" times with "result" = "sample_result"
 //          and "commands", the codes this connection received), "unknown-seq",
 //          "unreadable-string", "wrong-command" (7 on the callback channel),
