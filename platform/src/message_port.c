@@ -9,10 +9,12 @@
 #include <message_port.h>
 
 #include <errno.h>
+#include <poll.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -55,6 +57,7 @@ struct mp_conn {
 typedef struct mp_dest {
         char *key;              /* owned; also the hash table key */
         velna_channel *channel; /* owned */
+        int pidfd;              /* owned; the app instance connected to, or -1 */
 } mp_dest;
 
 static mp_port *ports;
@@ -266,6 +269,8 @@ static void dest_free(gpointer data)
 {
         mp_dest *dest = data;
         velna_channel_close(dest->channel);
+        if (dest->pidfd >= 0)
+                close(dest->pidfd);
         free(dest->key);
         free(dest);
 }
@@ -313,6 +318,31 @@ static velna_channel *dest_live_channel(const char *key)
         return NULL;
 }
 
+/* A pidfd of the running instance pid of app_id (close-on-exec), which turns readable
+ * when that process exits; -1 where the kernel has none or the instance is already
+ * gone (the registry is read again, so a reused pid is never watched). */
+static int instance_watch(const char *app_id, pid_t pid)
+{
+        int fd = (int)syscall(SYS_pidfd_open, pid, 0);
+        pid_t again;
+        if (fd >= 0 && (running_registry_get_pid(app_id, &again) < 0 || again != pid)) {
+                close(fd);
+                fd = -1;
+        }
+        return fd;
+}
+
+/* True while the cached connection for key still reaches the instance that it was
+ * made to: open, and that process has not exited. One poll(2), no filesystem. */
+static bool dest_is_current(const char *key)
+{
+        mp_dest *dest = dests ? g_hash_table_lookup(dests, key) : NULL;
+        if (!dest || dest->pidfd < 0 || !velna_channel_is_open(dest->channel))
+                return false;
+        struct pollfd p = { .fd = dest->pidfd, .events = POLLIN };
+        return poll(&p, 1, 0) == 0;
+}
+
 /* Connects to the app's port when the app runs and the port listens, and caches the
  * channel under key (which is copied). 0, -2 when the app or port is not there, -5, -12. */
 static int dest_connect(const char *app_id, const char *port, const char *key,
@@ -344,6 +374,7 @@ static int dest_connect(const char *app_id, const char *port, const char *key,
         }
         dest->key = k;
         dest->channel = channel;
+        dest->pidfd = instance_watch(app_id, pid);
         g_hash_table_replace(dests, k, dest);
         velna_channel_set_handlers(channel, on_dest_frame, on_dest_closed, dest);
         *out = channel;
@@ -360,6 +391,14 @@ int message_port_check_remote_port(const char *remote_app_id, const char *remote
         char *key = dest_key(remote_app_id, remote_port);
         if (!key)
                 return 0;
+
+        /* The library polls this while it waits for an app, and before every send: a
+         * connection to a live instance answers without touching the filesystem. */
+        if (dest_is_current(key)) {
+                *exist = true;
+                free(key);
+                return 0;
+        }
 
         /* A killed app stops counting at once, whatever connection is still cached. */
         pid_t pid;
