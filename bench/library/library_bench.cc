@@ -288,9 +288,9 @@ int Rss(int n) {
   bundle *request = Request(256);
   for (const std::string &app : {std::string(kPortApp), RpcApp(0)}) {
     for (int i = 0; i < 1000; i++) LibraryRoundTrip(app, request);
-    long before = RssKiB();
     const std::string name = app == kPortApp ? "rss-mp" : "rss-rpc";
     Samples samples{size_t(n)};
+    long before = RssKiB();
     samples.Start();
     for (int i = 0; i < n; i++) {
       Clock::time_point t0 = Clock::now();
