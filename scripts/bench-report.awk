@@ -12,7 +12,7 @@ function extra(run, name, key,   kv, parts, i) {
 }
 FNR == 1 { run = base(FILENAME) }
 run == "dlog" {
-  split($0, c, ","); gsub("\"", "", c[1]); ns[c[1]] = c[3]; next
+  split($0, c, ","); gsub("\"", "", c[1]); ns[c[1]] = c[3]; nscpu[c[1]] = c[4]; next
 }
 {
   split($0, c, "\t"); med[run, c[1]] = c[2]; p99[run, c[1]] = c[3]; cpu[run, c[1]] = c[4]
@@ -20,14 +20,14 @@ run == "dlog" {
 }
 function roundtrips(run, title,   m, s, mech, size, lib, tr) {
   print "### " title "\n"
-  print "| mechanism, payload | library median (p99) | transport alone | library's own cost | library CPU / round trip | transport CPU | × raw GLib | × raw poll | GDBus ÷ library | gRPC ÷ library |"
-  print "|---|---|---|---|---|---|---|---|---|---|"
+  print "| mechanism, payload | library median (p99) | transport alone | library's own cost | library CPU / round trip | transport CPU | library's own CPU | × raw GLib | × raw poll | GDBus ÷ library | gRPC ÷ library |"
+  print "|---|---|---|---|---|---|---|---|---|---|---|"
   split("mp rpc", mech, " "); split("256B 16KiB", size, " ")
   for (s = 1; s <= 2; s++) for (m = 1; m <= 2; m++) {
     lib = "library-" mech[m] "-" size[s]; tr = "transport-" mech[m] "-" size[s]
     if (!((run, lib) in med)) continue
     print "| " (mech[m] == "mp" ? "message port" : "rpc-port") ", " size[s] " | " f(med[run, lib]) " µs (" f(p99[run, lib]) ") | " \
-      f(med[run, tr]) " µs | " f(med[run, lib] - med[run, tr]) " µs | " f(cpu[run, lib]) " µs | " f(cpu[run, tr]) " µs | " \
+      f(med[run, tr]) " µs | " f(med[run, lib] - med[run, tr]) " µs | " f(cpu[run, lib]) " µs | " f(cpu[run, tr]) " µs | " f(cpu[run, lib] - cpu[run, tr]) " µs | " \
       ratio(med[run, lib], med[floor, "raw-glib-" size[s]]) " | " ratio(med[run, lib], med[floor, "raw-poll-" size[s]]) " | " \
       ratio(med[floor, "gdbus-" size[s]], med[run, lib]) " | " ratio(med[floor, "grpc-" size[s]], med[run, lib]) " |"
   }
@@ -82,8 +82,8 @@ END {
       extra("rss", n, "rss_start_kib") " KiB → " extra("rss", n, "rss_end_kib") " KiB (" \
       (extra("rss", n, "rss_end_kib") - extra("rss", n, "rss_start_kib")) " KiB); median " f(med["rss", n]) " µs |"
   }
-  print "| debug line filtered out at level info | " f(ns["BM_DlogFiltered"], 1) " ns |"
-  print "| info line printed to a file | " f(ns["BM_DlogPrinted"], 0) " ns |"
+  print "| debug line filtered out at level info (wall, CPU) | " f(ns["BM_DlogFiltered"], 1) " ns, " f(nscpu["BM_DlogFiltered"], 1) " ns |"
+  print "| info line printed to a file (wall, CPU) | " f(ns["BM_DlogPrinted"], 0) " ns, " f(nscpu["BM_DlogPrinted"], 0) " ns |"
   print ""
 
   print "## Goals (pinned, level info unless said)\n"
@@ -93,7 +93,8 @@ END {
     mm = m == 1 ? "mp" : "rpc"; name = m == 1 ? "message port" : "rpc-port"; limit = m == 1 ? 10 : 5
     own = med[P, "library-" mm "-256B"] - med[P, "transport-" mm "-256B"]
     owne = med[E, "library-" mm "-256B"] - med[E, "transport-" mm "-256B"]
-    print "| library's own cost < " limit " µs, " name " | " f(own) " µs (level error: " f(owne) " µs) | " yes(own < limit) " |"
+    ownc = cpu[P, "library-" mm "-256B"] - cpu[P, "transport-" mm "-256B"]
+    print "| library's own cost < " limit " µs, " name " | median " f(own) " µs (level error: " f(owne) " µs); client CPU " f(ownc) " µs | " yes(own < limit) " by the median |"
     g = med[P, "library-" mm "-256B"] / med[P, "raw-glib-256B"]
     print "| within 2× raw GLib, " name " | " f(g, 2) "× | " yes(g <= 2) " |"
     q = med[P, "library-" mm "-256B"] / med[P, "raw-poll-256B"]
@@ -113,7 +114,7 @@ END {
     a = med["scale", "scale-rr-500"] / med["scale", "scale-rr-1"]
     print "| 500 apps within 1.5× of 1 app | " f(a, 2) "× (round-robin), " ratio(med["scale", "scale-one-500"], med["scale", "scale-one-1"]) " (all to one) | " yes(a <= 1.5) " |"
   }
-  print "| filtered log line < 20 ns | " f(ns["BM_DlogFiltered"], 1) " ns | " yes(ns["BM_DlogFiltered"] < 20) " |"
+  print "| filtered log line < 20 ns (CPU time; wall time shares the core with the machine's load) | " f(nscpu["BM_DlogFiltered"], 1) " ns (wall " f(ns["BM_DlogFiltered"], 1) " ns) | " yes(nscpu["BM_DlogFiltered"] < 20) " |"
   grow = extra("rss", "rss-mp", "rss_end_kib") - extra("rss", "rss-mp", "rss_start_kib")
   print "| RSS flat over 100,000 requests | message port +" grow " KiB | " yes(grow <= 64) " |"
 }

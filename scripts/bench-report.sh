@@ -7,7 +7,8 @@
 # the round trips run unpinned too. Log level: the default (info) with lines going to a
 # file through VELNA_LOG_FILE, and the round trips again with VELNA_LOG_LEVEL=error.
 # Environment: BUILD_DIR (default build-release), REPORT_DIR (default docs/perf),
-# BENCH_MAX_APPS (default 500).
+# BENCH_MAX_APPS (default 500). With --from-raw, nothing runs: the report and the plots are
+# written again from the raw lines of the last run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${BUILD_DIR:-build-release}
@@ -26,33 +27,42 @@ pin=(taskset -c "$core")
 
 step() { echo "bench-report: $*" >&2; }
 
-# Round trips and their floors: pinned, then unpinned.
+# Round trips and their floors, under the command prefix given (pinning or none).
 round_trips() {
   "$@" "$bin/peers/peers-bench"
   if [ -x "$bin/peers/grpc-bench" ]; then "$@" "$bin/peers/grpc-bench"; fi
   "$@" "$bin/library/library-bench" roundtrip
 }
-step "round trips, pinned to core $core"
-round_trips "${pin[@]}" >"$raw/pinned-info.tsv"
-step "round trips, pinned, VELNA_LOG_LEVEL=error"
-VELNA_LOG_LEVEL=error "${pin[@]}" "$bin/library/library-bench" roundtrip >"$raw/pinned-error.tsv"
-step "round trips, unpinned"
-round_trips env >"$raw/unpinned-info.tsv"
-step "big answers"
-{ "${pin[@]}" "$bin/peers/peers-bench" big; "${pin[@]}" "$bin/library/library-bench" big; } \
-  >"$raw/big.tsv"
-step "1 to $max_apps apps"
-"${pin[@]}" "$bin/library/library-bench" scale "$max_apps" >"$raw/scale.tsv"
-step "RSS over 100000 requests"
-"${pin[@]}" "$bin/library/library-bench" rss 100000 >"$raw/rss.tsv"
-step "log lines"
-"${pin[@]}" "$bin/logging/dlog-bench" --benchmark_format=csv 2>/dev/null |
-  grep '^"BM_' >"$raw/dlog.csv"
+
+run_all() {
+  step "round trips, pinned to core $core"
+  round_trips "${pin[@]}" >"$raw/pinned-info.tsv"
+  step "round trips, pinned, VELNA_LOG_LEVEL=error"
+  VELNA_LOG_LEVEL=error "${pin[@]}" "$bin/library/library-bench" roundtrip >"$raw/pinned-error.tsv"
+  step "round trips, unpinned"
+  round_trips env >"$raw/unpinned-info.tsv"
+  step "big answers"
+  { "${pin[@]}" "$bin/peers/peers-bench" big; "${pin[@]}" "$bin/library/library-bench" big; } \
+    >"$raw/big.tsv"
+  step "1 to $max_apps apps"
+  "${pin[@]}" "$bin/library/library-bench" scale "$max_apps" >"$raw/scale.tsv"
+  step "RSS over 100000 requests"
+  "${pin[@]}" "$bin/library/library-bench" rss 100000 >"$raw/rss.tsv"
+  step "log lines"
+  "${pin[@]}" "$bin/logging/dlog-bench" --benchmark_format=csv 2>/dev/null |
+    grep '^"BM_' >"$raw/dlog.csv"
+  # when, the commit measured, the load average at the end
+  printf '%s|%s|%s\n' "$(date -u '+%Y-%m-%d %H:%M UTC')" \
+    "$(git rev-parse --short HEAD 2>/dev/null || echo unknown)" \
+    "$(cut -d' ' -f1-3 /proc/loadavg)" >"$raw/run"
+}
+
+[ "${1:-}" = --from-raw ] || run_all
 
 step "writing $out/report.md"
-machine="$(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), Linux $(uname -r)"
-commit=$(git rev-parse --short HEAD 2>/dev/null || echo unknown)
-awk -v machine="$machine" -v commit="$commit" -v core="$core" -v when="$(date -u '+%Y-%m-%d %H:%M UTC')" \
+IFS='|' read -r when commit load <"$raw/run"
+machine="$(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), Linux $(uname -r), load average at the end $load"
+awk -v machine="$machine" -v commit="$commit" -v core="$core" -v when="$when" \
   -f scripts/bench-report.awk "$raw"/pinned-info.tsv "$raw"/pinned-error.tsv \
   "$raw"/unpinned-info.tsv "$raw"/big.tsv "$raw"/scale.tsv "$raw"/rss.tsv "$raw"/dlog.csv \
   >"$out/report.md"
