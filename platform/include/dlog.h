@@ -22,7 +22,8 @@ typedef enum {
 
 /* Formats one line and writes it with a single write(2) to VELNA_LOG_FILE (opened
  * O_APPEND) or to stderr, when prio is at or above VELNA_LOG_LEVEL (default info).
- * Returns the number of bytes of the message, or a negative errno value. */
+ * Returns the number of bytes of the message, 0 for a line below the level that was
+ * dropped unformatted (no capture handler installed), or a negative errno value. */
 int dlog_print(log_priority prio, const char *tag, const char *fmt, ...)
         __attribute__((format(printf, 3, 4)));
 int dlog_vprint(log_priority prio, const char *tag, const char *fmt, va_list ap)

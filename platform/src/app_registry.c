@@ -1,8 +1,17 @@
 /* Installed apps: <VELNA_APPS_DIR>/<app-id>.app manifests in key-file syntax, parsed
- * once and cached. A cached manifest is reused while the file's device, inode, size,
- * modification and change times stay the same, so a lookup costs one stat(2). */
+ * once and cached.
+ *
+ * The apps directory is watched with inotify. Every lookup first reads the watch
+ * (non-blocking): any change in the directory drops the whole cache, and with no change
+ * pending the cached manifest answers without a stat. The kernel queues the event
+ * before the writer's call returns, so a manifest written, replaced or removed by any
+ * process is seen by the next lookup after that. Where no watch can be set (no inotify,
+ * no directory yet, the user's watches used up) and for a manifest that is a symbolic
+ * link (its target may change elsewhere), a cached manifest is reused while the file's
+ * device, inode, size, modification and change times stay the same: one stat(2). */
 #include "app_registry_internal.h"
 
+#include "env_internal.h"
 #include "runtime_internal.h"
 
 #include <app_info.h>
@@ -14,6 +23,7 @@
 #include <glib.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -38,6 +48,7 @@ typedef struct {
         struct timespec mtime;
         struct timespec ctime;
         struct timespec parsed_at; /* wall clock when the file was read */
+        bool linked;               /* a symbolic link: always revalidated by stat */
         manifest_box *box;         /* one reference held by the cache */
 } cache_entry;
 
@@ -47,6 +58,13 @@ struct app_info_s {
 
 static GMutex cache_lock;
 static GHashTable *cache; /* manifest path -> cache_entry */
+static int watch_fd = -1; /* inotify on watch_dir, non-blocking; -1 when none */
+static char *watch_dir;
+static velna_env_watch apps_dir_env = VELNA_ENV_WATCH("VELNA_APPS_DIR");
+
+#define WATCH_EVENTS                                                                    \
+        (IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_MOVED_FROM | \
+         IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR)
 
 static void manifest_box_free(manifest_box *box)
 {
@@ -70,7 +88,7 @@ static void cache_entry_free(gpointer data)
 
 static char *apps_dir(void)
 {
-        const char *env = getenv("VELNA_APPS_DIR");
+        const char *env = velna_env_get(&apps_dir_env);
         return g_strdup(env && *env ? env : VELNA_DEFAULT_APPS_DIR);
 }
 
@@ -220,6 +238,73 @@ static int manifest_parse(const char *app_id, const char *path, const char *text
         return 0;
 }
 
+static void watch_drop_locked(void)
+{
+        if (watch_fd >= 0)
+                close(watch_fd);
+        watch_fd = -1;
+        g_free(watch_dir);
+        watch_dir = NULL;
+        if (cache)
+                g_hash_table_remove_all(cache);
+}
+
+/* True when dir is watched and every cached manifest in it is still current: pending
+ * changes have been read and the cache dropped for them. False when no watch can be
+ * set; the caller then revalidates by stat. Called with cache_lock held. */
+static bool watch_current_locked(const char *dir)
+{
+        if (watch_fd >= 0 && strcmp(watch_dir, dir) != 0)
+                watch_drop_locked();
+        if (watch_fd < 0) {
+                int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+                if (fd < 0)
+                        return false;
+                if (inotify_add_watch(fd, dir, WATCH_EVENTS) < 0) {
+                        close(fd);
+                        return false;
+                }
+                watch_drop_locked(); /* what was cached before the watch is not trusted */
+                watch_fd = fd;
+                watch_dir = g_strdup(dir);
+                return true;
+        }
+
+        char buf[4096] __attribute__((aligned(__alignof__(struct inotify_event))));
+        bool changed = false, lost = false;
+        for (;;) {
+                ssize_t n = read(watch_fd, buf, sizeof buf);
+                if (n <= 0)
+                        break; /* EAGAIN: nothing more pending */
+                changed = true;
+                for (char *p = buf; p < buf + n;) {
+                        const struct inotify_event *ev = (const struct inotify_event *)p;
+                        if (ev->mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF))
+                                lost = true; /* the directory itself went away */
+                        p += sizeof *ev + ev->len;
+                }
+        }
+        if (lost)
+                watch_drop_locked();
+        else if (changed && cache)
+                g_hash_table_remove_all(cache);
+        return !lost;
+}
+
+/* The cached manifest for path when the watch vouches for it; a new reference. */
+static manifest_box *cache_lookup_watched(const char *dir, const char *path)
+{
+        manifest_box *box = NULL;
+        g_mutex_lock(&cache_lock);
+        cache_entry *e = watch_current_locked(dir) && cache ? g_hash_table_lookup(cache, path) : NULL;
+        if (e && !e->linked) {
+                box = e->box;
+                g_atomic_int_inc(&box->refs);
+        }
+        g_mutex_unlock(&cache_lock);
+        return box;
+}
+
 /* The cached manifest for path when it is still current; a new reference. */
 static manifest_box *cache_lookup(const char *path, const struct stat *st)
 {
@@ -243,6 +328,8 @@ static void cache_store(const char *path, const struct stat *st, manifest_box *b
         e->mtime = st->st_mtim;
         e->ctime = st->st_ctim;
         e->box = box;
+        struct stat link;
+        e->linked = lstat(path, &link) == 0 && S_ISLNK(link.st_mode);
         clock_gettime(CLOCK_REALTIME, &e->parsed_at);
         g_atomic_int_inc(&box->refs);
 
@@ -261,8 +348,12 @@ static void cache_forget(const char *path)
         g_mutex_unlock(&cache_lock);
 }
 
-static int manifest_load_path(const char *app_id, const char *path, manifest_box **out)
+static int manifest_load_path(const char *app_id, const char *dir, const char *path,
+                              manifest_box **out)
 {
+        if ((*out = cache_lookup_watched(dir, path)))
+                return 0;
+
         struct stat st;
         if (stat(path, &st) < 0) {
                 cache_forget(path);
@@ -297,7 +388,7 @@ int velna_manifest_load(const char *app_id, const velna_manifest **out)
         char *dir = apps_dir();
         char *path = g_strdup_printf("%s/%s.app", dir, app_id);
         manifest_box *box = NULL;
-        int r = manifest_load_path(app_id, path, &box);
+        int r = manifest_load_path(app_id, dir, path, &box);
         g_free(path);
         g_free(dir);
         if (r < 0)

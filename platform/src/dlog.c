@@ -1,8 +1,16 @@
 /* Logging service. Each call formats one line "<L>/<TAG>(<pid>): <message>\n" and hands
  * it to the kernel with one write(2): appends of several processes to one O_APPEND file
  * never interleave. A line longer than DLOG_LINE_MAX is cut (and says so) so that it
- * stays one write that a pipe or a file takes whole. */
+ * stays one write that a pipe or a file takes whole.
+ *
+ * Cost: a line below the level, with no capture handler installed, is dropped before
+ * anything is formatted: two loads and a compare against the level, which is parsed
+ * from VELNA_LOG_LEVEL only when that variable changes (env_internal.h). A printed line
+ * is formatted once, into a buffer on the stack behind its prefix, and written with no
+ * allocation; the pid in the prefix is cached and renewed in a forked child. */
 #include <dlog.h>
+
+#include "env_internal.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -21,10 +29,30 @@
 static pthread_mutex_t dlog_lock = PTHREAD_MUTEX_INITIALIZER;
 static dlog_capture_cb capture_handler;
 static void *capture_user_data;
+static bool capture_installed; /* read without the lock on the filtered path */
 static char *log_file_path;     /* the VELNA_LOG_FILE that log_file_fd was opened for */
 static int log_file_fd = -1;
 
-static log_priority level_from_env(void)
+static velna_env_watch level_env = VELNA_ENV_WATCH("VELNA_LOG_LEVEL");
+static velna_env_watch file_env = VELNA_ENV_WATCH("VELNA_LOG_FILE");
+static unsigned level_generation; /* of level_env when cached_level was parsed */
+static log_priority cached_level;
+static pid_t cached_pid;
+
+static void renew_pid(void)
+{
+        cached_pid = getpid();
+}
+
+static pthread_once_t pid_once = PTHREAD_ONCE_INIT;
+
+static void pid_init(void)
+{
+        renew_pid();
+        pthread_atfork(NULL, NULL, renew_pid);
+}
+
+static log_priority level_parse(const char *env)
 {
         static const struct {
                 const char *name;
@@ -35,13 +63,23 @@ static log_priority level_from_env(void)
                 { "fatal", DLOG_FATAL },     { "silent", DLOG_SILENT },
         };
 
-        const char *env = getenv("VELNA_LOG_LEVEL");
         if (!env || !*env)
                 return DLOG_INFO;
         for (size_t i = 0; i < sizeof(levels) / sizeof(levels[0]); i++)
                 if (strcasecmp(env, levels[i].name) == 0)
                         return levels[i].prio;
         return DLOG_INFO;
+}
+
+/* The lowest priority printed, parsed again only when VELNA_LOG_LEVEL has changed. */
+static log_priority current_level(void)
+{
+        unsigned generation = velna_env_generation(&level_env);
+        if (generation != level_generation) {
+                cached_level = level_parse(velna_env_get(&level_env));
+                level_generation = generation;
+        }
+        return cached_level;
 }
 
 static char priority_letter(log_priority prio)
@@ -54,7 +92,7 @@ static char priority_letter(log_priority prio)
  * or stderr. Called with dlog_lock held. */
 static int output_fd_locked(void)
 {
-        const char *path = getenv("VELNA_LOG_FILE");
+        const char *path = velna_env_get(&file_env);
         if (!path || !*path)
                 return STDERR_FILENO;
 
@@ -87,79 +125,102 @@ static int write_whole(int fd, const char *buf, size_t len)
         return 0;
 }
 
-/* Builds the printed line around message (len bytes) and writes it once. */
-static int print_line(log_priority prio, const char *tag, const char *message, size_t len)
+/* Writes line (len bytes, newline included) once, to the log file or stderr. */
+static int write_line(const char *line, size_t len)
 {
-        char prefix[256];
-        int plen = snprintf(prefix, sizeof(prefix), "%c/%s(%d): ", priority_letter(prio), tag,
-                            (int)getpid());
-        if (plen < 0)
-                return -EINVAL;
-        if ((size_t)plen >= sizeof(prefix))
-                plen = sizeof(prefix) - 1;
-
-        size_t room = DLOG_LINE_MAX - (size_t)plen - sizeof(DLOG_CUT_MARK);
-        bool cut = len > room;
-        size_t body = cut ? room : len;
-        size_t total = (size_t)plen + body + (cut ? sizeof(DLOG_CUT_MARK) - 1 : 1);
-
-        char *line = malloc(total);
-        if (!line)
-                return -ENOMEM;
-        memcpy(line, prefix, (size_t)plen);
-        memcpy(line + plen, message, body);
-        if (cut)
-                memcpy(line + plen + body, DLOG_CUT_MARK, sizeof(DLOG_CUT_MARK) - 1);
-        else
-                line[total - 1] = '\n';
-
         pthread_mutex_lock(&dlog_lock);
-        int r = write_whole(output_fd_locked(), line, total);
+        int r = write_whole(output_fd_locked(), line, len);
         pthread_mutex_unlock(&dlog_lock);
-        free(line);
         return r;
 }
 
-int dlog_vprint(log_priority prio, const char *tag, const char *fmt, va_list ap)
+/* Hands the message (NUL-terminated, len bytes) to the capture handler, if any. */
+static void capture(log_priority prio, const char *tag, const char *message)
 {
-        if (!fmt || prio < DLOG_UNKNOWN || prio > DLOG_FATAL)
-                return -EINVAL;
-        if (!tag)
-                tag = "";
-
-        char stack[DLOG_STACK_MESSAGE];
-        char *message = stack;
-        va_list again;
-        va_copy(again, ap);
-        int n = vsnprintf(stack, sizeof(stack), fmt, ap);
-        if (n >= (int)sizeof(stack)) {
-                message = malloc((size_t)n + 1);
-                if (message)
-                        vsnprintf(message, (size_t)n + 1, fmt, again);
-        }
-        va_end(again);
-        if (n < 0 || !message)
-                return n < 0 ? -EINVAL : -ENOMEM;
-
         pthread_mutex_lock(&dlog_lock);
         dlog_capture_cb handler = capture_handler;
         void *user_data = capture_user_data;
         pthread_mutex_unlock(&dlog_lock);
         if (handler)
                 handler(prio, tag, message, user_data);
+}
 
-        log_priority effective = prio < DLOG_VERBOSE ? DLOG_INFO : prio;
+static inline log_priority effective_priority(log_priority prio)
+{
+        return prio < DLOG_VERBOSE ? DLOG_INFO : prio;
+}
+
+/* True when a line of prio is neither printed nor captured: it is dropped unformatted. */
+static inline bool line_dropped(log_priority prio)
+{
+        return effective_priority(prio) < current_level() &&
+               !__atomic_load_n(&capture_installed, __ATOMIC_ACQUIRE);
+}
+
+int dlog_vprint(log_priority prio, const char *tag, const char *fmt, va_list ap)
+{
+        if (!fmt || prio < DLOG_UNKNOWN || prio > DLOG_FATAL)
+                return -EINVAL;
+
+        log_priority effective = effective_priority(prio);
+        bool print = effective >= current_level();
+        if (!print && !__atomic_load_n(&capture_installed, __ATOMIC_ACQUIRE))
+                return 0;
+        if (!tag)
+                tag = "";
+
+        /* The line is built in one buffer: prefix, message, newline. The message is
+         * formatted once where it fits; a longer one gets a buffer of its own. */
+        pthread_once(&pid_once, pid_init);
+        char stack[DLOG_STACK_MESSAGE];
+        int plen = snprintf(stack, sizeof(stack) / 4, "%c/%s(%d): ", priority_letter(effective),
+                            tag, (int)cached_pid);
+        if (plen < 0)
+                return -EINVAL;
+        if ((size_t)plen >= sizeof(stack) / 4)
+                plen = sizeof(stack) / 4 - 1;
+
+        char *line = stack;
+        size_t room = sizeof(stack) - (size_t)plen;
+        va_list again;
+        va_copy(again, ap);
+        int n = vsnprintf(stack + plen, room, fmt, ap);
+        if (n >= 0 && (size_t)n >= room) {
+                line = malloc((size_t)plen + (size_t)n + 1);
+                if (line) {
+                        memcpy(line, stack, (size_t)plen);
+                        vsnprintf(line + plen, (size_t)n + 1, fmt, again);
+                }
+        }
+        va_end(again);
+        if (n < 0 || !line)
+                return n < 0 ? -EINVAL : -ENOMEM;
+
+        char *message = line + plen;
+        capture(prio, tag, message);
+
         int r = 0;
-        if (effective >= level_from_env())
-                r = print_line(effective, tag, message, (size_t)n);
+        if (print) {
+                size_t body = (size_t)n;
+                size_t limit = DLOG_LINE_MAX - (size_t)plen - sizeof(DLOG_CUT_MARK);
+                if (body > limit) {
+                        memcpy(message + limit, DLOG_CUT_MARK, sizeof(DLOG_CUT_MARK) - 1);
+                        r = write_line(line, (size_t)plen + limit + sizeof(DLOG_CUT_MARK) - 1);
+                } else {
+                        message[body] = '\n'; /* over the terminating NUL */
+                        r = write_line(line, (size_t)plen + body + 1);
+                }
+        }
 
-        if (message != stack)
-                free(message);
+        if (line != stack)
+                free(line);
         return r < 0 ? r : n;
 }
 
 int dlog_print(log_priority prio, const char *tag, const char *fmt, ...)
 {
+        if (fmt && prio >= DLOG_UNKNOWN && prio <= DLOG_FATAL && line_dropped(prio))
+                return 0;
         va_list ap;
         va_start(ap, fmt);
         int r = dlog_vprint(prio, tag, fmt, ap);
@@ -172,5 +233,6 @@ void dlog_set_capture_handler(dlog_capture_cb handler, void *user_data)
         pthread_mutex_lock(&dlog_lock);
         capture_handler = handler;
         capture_user_data = handler ? user_data : NULL;
+        __atomic_store_n(&capture_installed, handler != NULL, __ATOMIC_RELEASE);
         pthread_mutex_unlock(&dlog_lock);
 }

@@ -12,6 +12,8 @@
 #include <message_port.h>
 
 #include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -59,6 +61,7 @@ struct mp_conn {
 typedef struct mp_dest {
         char *key;              /* owned; also the hash table key */
         velna_channel *channel; /* owned */
+        int stat_fd;            /* owned; /proc/<pid>/stat of the instance, or -1 */
 } mp_dest;
 
 static mp_port *ports;
@@ -260,6 +263,8 @@ static void dest_free(gpointer data)
 {
         mp_dest *dest = data;
         velna_channel_close(dest->channel);
+        if (dest->stat_fd >= 0)
+                close(dest->stat_fd);
         free(dest->key);
         free(dest);
 }
@@ -307,6 +312,46 @@ static velna_channel *dest_live_channel(const char *key)
         return NULL;
 }
 
+/* /proc/<pid>/stat of the running instance of app_id, held open: the descriptor stays
+ * bound to that process, so it never describes a later process that reuses the pid.
+ * -1 when it cannot be opened or the instance is already gone (the registry is read
+ * again after the open). */
+static int instance_watch(const char *app_id, pid_t pid)
+{
+        char path[32];
+        snprintf(path, sizeof path, "/proc/%d/stat", (int)pid);
+        int fd = open(path, O_RDONLY | O_CLOEXEC);
+        pid_t again;
+        if (fd >= 0 && (running_registry_get_pid(app_id, &again) < 0 || again != pid)) {
+                close(fd);
+                fd = -1;
+        }
+        return fd;
+}
+
+/* True while the instance behind stat_fd lives and is not a zombie: the same test as the
+ * running registry's, made with one pread(2) of a descriptor held open. */
+static bool instance_alive(int stat_fd)
+{
+        char buf[512];
+        ssize_t n = pread(stat_fd, buf, sizeof buf - 1, 0);
+        if (n <= 0)
+                return false; /* the process has been reaped */
+        buf[n] = '\0';
+        const char *end = strrchr(buf, ')'); /* the command name may hold anything */
+        char state = end && end[1] == ' ' ? end[2] : 'X';
+        return state != 'Z' && state != 'X' && state != 'x';
+}
+
+/* True while the cached connection for key still reaches the instance that it was
+ * made to: open, and that process alive. No filesystem walk, no registry read. */
+static bool dest_is_current(const char *key)
+{
+        mp_dest *dest = dests ? g_hash_table_lookup(dests, key) : NULL;
+        return dest && dest->stat_fd >= 0 && velna_channel_is_open(dest->channel) &&
+               instance_alive(dest->stat_fd);
+}
+
 /* Connects to the app's port when the app runs and the port listens, and caches the
  * channel under key (which is copied). 0, -2 when the app or port is not there, -5, -12. */
 static int dest_connect(const char *app_id, const char *port, const char *key,
@@ -342,6 +387,7 @@ static int dest_connect(const char *app_id, const char *port, const char *key,
         }
         dest->key = k;
         dest->channel = channel;
+        dest->stat_fd = instance_watch(app_id, pid);
         g_hash_table_replace(dests, k, dest);
         velna_channel_set_handlers(channel, on_dest_frame, on_dest_closed, dest);
         *out = channel;
@@ -358,6 +404,14 @@ int message_port_check_remote_port(const char *remote_app_id, const char *remote
         char *key = dest_key(remote_app_id, remote_port);
         if (!key)
                 return 0;
+
+        /* The library polls this while it waits for an app, and before every send: a
+         * connection to a live instance answers without walking the filesystem. */
+        if (dest_is_current(key)) {
+                *exist = true;
+                free(key);
+                return 0;
+        }
 
         /* A killed app stops counting at once, whatever connection is still cached. */
         pid_t pid;

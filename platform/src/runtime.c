@@ -10,6 +10,8 @@
  * recorded time (field 22 of /proc/<pid>/stat), so dead and reused pids never do. */
 #include "runtime_internal.h"
 
+#include "env_internal.h"
+
 #include <dlog.h>
 
 #include <ctype.h>
@@ -30,13 +32,24 @@
 
 static const char *const runtime_subdirs[] = { "s", "run", "pid", "lock" };
 
+static velna_env_watch runtime_env = VELNA_ENV_WATCH("VELNA_RUNTIME_DIR");
+static velna_env_watch xdg_env = VELNA_ENV_WATCH("XDG_RUNTIME_DIR");
+static velna_env_watch app_id_env = VELNA_ENV_WATCH("VELNA_APP_ID");
+
+/* The runtime directory is worked out and made once for each value of the variables
+ * that name it: a directory removed under running processes takes their sockets and
+ * records with it, so making it again on every call would mend nothing. */
+static GMutex runtime_lock;
+static char *runtime_known;          /* checked and made; NULL until then */
+static unsigned runtime_known_gen[2]; /* generations of runtime_env, xdg_env then */
+
 static char *runtime_dir_candidate(void)
 {
-        const char *env = getenv("VELNA_RUNTIME_DIR");
+        const char *env = velna_env_get(&runtime_env);
         if (env && *env)
                 return g_strdup(env);
 
-        const char *xdg = getenv("XDG_RUNTIME_DIR");
+        const char *xdg = velna_env_get(&xdg_env);
         if (xdg && *xdg)
                 return g_strdup_printf("%s/velna", xdg);
 
@@ -313,6 +326,18 @@ int velna_runtime_dir(char **path)
         if (!path)
                 return -EINVAL;
 
+        g_mutex_lock(&runtime_lock);
+        unsigned gen[2] = { velna_env_generation(&runtime_env), velna_env_generation(&xdg_env) };
+        char *known = runtime_known && gen[0] == runtime_known_gen[0] &&
+                                      gen[1] == runtime_known_gen[1]
+                              ? strdup(runtime_known)
+                              : NULL;
+        g_mutex_unlock(&runtime_lock);
+        if (known) {
+                *path = known;
+                return 0;
+        }
+
         char *root = runtime_dir_candidate();
         int r = ensure_dir(root, true);
         for (size_t i = 0; r == 0 && i < G_N_ELEMENTS(runtime_subdirs); i++) {
@@ -328,7 +353,12 @@ int velna_runtime_dir(char **path)
         }
 
         char *out = strdup(root);
-        g_free(root);
+        g_mutex_lock(&runtime_lock);
+        g_free(runtime_known);
+        runtime_known = root;
+        runtime_known_gen[0] = gen[0];
+        runtime_known_gen[1] = gen[1];
+        g_mutex_unlock(&runtime_lock);
         if (!out)
                 return -ENOMEM;
         *path = out;
@@ -377,7 +407,7 @@ int velna_socket_path(const char *kind, const char *app_id, const char *name, ch
 
 const char *velna_self_app_id(void)
 {
-        const char *id = getenv("VELNA_APP_ID");
+        const char *id = velna_env_get(&app_id_env);
         return velna_app_id_is_valid(id) ? id : NULL;
 }
 

@@ -67,6 +67,17 @@ bool JoinPiece(std::string &buffer, std::optional<std::string> &droppedFrom, bun
   return true;
 }
 
+// Empties a chunk buffer after its answer was handed on. The capacity stays for the next
+// chunked answer, which then joins its pieces into memory that is already there; a buffer
+// that grew past kChunkBufferKeep gives its memory back, so that one huge answer does not
+// stay resident for the rest of the process.
+void ResetChunkBuffer(std::string &buffer) {
+  if (buffer.capacity() > kChunkBufferKeep)
+    std::string().swap(buffer);
+  else
+    buffer.clear();
+}
+
 void HandOn(const TalvoProxyIpc &ipc, const std::string &appId, bundle *answer) {
   if (ipc.resultCallback)
     ipc.resultCallback(appId, answer, ipc.resultCallbackUserData);
@@ -119,7 +130,7 @@ void TalvoProxyIpc::_processAppResultPort(std::string appId, bundle *message) {
                         kKeyAppStateLastChunk, kKeyAppStateChunk, kKeyAppContext, appId))
       return;
     HandOn(*this, appId, message);
-    std::string().swap(appStateChunks);  // also gives back a large buffer's memory
+    ResetChunkBuffer(appStateChunks);
     return;
   }
 
@@ -132,7 +143,7 @@ void TalvoProxyIpc::_processAppResultPort(std::string appId, bundle *message) {
   LOGD("[Received Data with len:%d]------------------------------------------",
        static_cast<int>(resultChunks.size()));
   HandOn(*this, appId, message);
-  std::string().swap(resultChunks);
+  ResetChunkBuffer(resultChunks);
 }
 
 void TalvoProxyIpc::_processAppResult(std::string appId, bundle *answer) {

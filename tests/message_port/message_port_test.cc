@@ -7,9 +7,11 @@
 
 #include <glib.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -183,6 +185,31 @@ TEST_F(MessagePort, MissingAppOrPortIsNoEntryAndOnlyAProcessWithAFreeValidIdOwns
   ASSERT_EQ(app_manager_terminate_app(kApp), 0);
   EXPECT_FALSE(PortExists(kApp, kAppPort));
   EXPECT_EQ(SendEcho(), -ENOENT);
+}
+
+TEST_F(MessagePort, KilledAppStopsCountingAtOnceAndTheNextInstanceOfItsIdIsReached) {
+  LaunchApp();
+  ASSERT_TRUE(PortExists(kApp, kAppPort));
+  ASSERT_EQ(SendEcho(), 0);  // the connection that later checks answer from
+  ASSERT_TRUE(WaitForMessages(1)) << log_.dump();
+
+  for (int instance = 0; instance < 2; instance++) {
+    pid_t pid = 0;
+    ASSERT_EQ(running_registry_get_pid(kApp, &pid), 0);
+    int exited = int(syscall(SYS_pidfd_open, pid, 0));
+    ASSERT_GE(exited, 0);
+    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    pollfd pfd{exited, POLLIN, 0};
+    ASSERT_EQ(poll(&pfd, 1, 5000), 1);
+    close(exited);
+    EXPECT_FALSE(PortExists(kApp, kAppPort)) << "instance " << instance;  // the loop never ran
+
+    LaunchApp();
+    EXPECT_TRUE(PortExists(kApp, kAppPort));
+    ASSERT_EQ(SendEcho(), 0);
+    ASSERT_TRUE(WaitForMessages(size_t(2 + instance))) << log_.dump();
+    EXPECT_EQ(received_.back().remote, kApp);
+  }
 }
 
 // A raw connection to the client's own port, as a hostile local process could make.

@@ -3,6 +3,9 @@
 #include <app_info.h>
 #include <gtest/gtest.h>
 #include <package_manager.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <string>
@@ -100,4 +103,38 @@ TEST_F(Manifests, UnknownAndInvalidAppIdsAreRefused) {
   const std::string longest(251, 'a');
   env_.install({longest, "p", "", "", "", {}});
   EXPECT_EQ("p|p|<-2>", Fields(longest.c_str()));
+}
+
+TEST_F(Manifests, ReplacedRemovedLinkedAndMovedManifestsAreSeenByTheNextLookup) {
+  const std::string apps = env_.root() + "/apps";
+  env_.install({"org.example.app", "org.example.first", "", "", "", {}});
+  EXPECT_EQ("org.example.first|org.example.first|<-2>", Fields("org.example.app"));
+
+  // Replaced whole by a rename, as package installers do.
+  std::ofstream(apps + "/.new") << "[Application]\nPackage=org.example.second\n";
+  ASSERT_EQ(0, rename((apps + "/.new").c_str(), (apps + "/org.example.app.app").c_str()));
+  EXPECT_EQ("org.example.second|org.example.second|<-2>", Fields("org.example.app"));
+
+  ASSERT_EQ(0, unlink((apps + "/org.example.app.app").c_str()));
+  EXPECT_EQ("<-2>|<-2>|<-2>", Fields("org.example.app"));
+
+  // A manifest that links to a file elsewhere: edits of the target show too.
+  const std::string target = env_.root() + "/elsewhere.app";
+  std::ofstream(target) << "[Application]\nPackage=org.example.linked\n";
+  ASSERT_EQ(0, symlink(target.c_str(), (apps + "/org.example.app.app").c_str()));
+  EXPECT_EQ("org.example.linked|org.example.linked|<-2>", Fields("org.example.app"));
+  std::ofstream(target, std::ios::trunc) << "[Application]\nPackage=org.example.relinked\n";
+  EXPECT_EQ("org.example.relinked|org.example.relinked|<-2>", Fields("org.example.app"));
+
+  // Another apps directory, and the first one renamed away underneath its watch.
+  const std::string other = env_.root() + "/other-apps";
+  ASSERT_EQ(0, mkdir(other.c_str(), 0755));
+  std::ofstream(other + "/org.example.app.app") << "[Application]\nPackage=org.example.other\n";
+  setenv("VELNA_APPS_DIR", other.c_str(), 1);
+  EXPECT_EQ("org.example.other|org.example.other|<-2>", Fields("org.example.app"));
+  setenv("VELNA_APPS_DIR", apps.c_str(), 1);
+  EXPECT_EQ("org.example.relinked|org.example.relinked|<-2>", Fields("org.example.app"));
+  ASSERT_EQ(0, rename(apps.c_str(), (apps + ".old").c_str()));
+  ASSERT_EQ(0, rename(other.c_str(), apps.c_str()));
+  EXPECT_EQ("org.example.other|org.example.other|<-2>", Fields("org.example.app"));
 }

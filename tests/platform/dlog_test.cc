@@ -91,3 +91,47 @@ TEST_F(Dlog, ConcurrentWritersFromSeveralProcessesNeverInterleave) {
     ASSERT_EQ(Prefix('I', "W", children[w]) + std::to_string(next[w]++) + " " + std::string(3000, char('a' + w)), line);
   }
 }
+
+TEST_F(Dlog, LevelAndFileFollowTheEnvironmentAndLongLinesStayWhole) {
+  dlog_print(DLOG_INFO, "T", "first");  // the level, the file and the pid are now known
+  EXPECT_EQ(0, dlog_print(DLOG_DEBUG, "T", "dropped %s", "unformatted"));
+  setenv("VELNA_LOG_LEVEL", "debug", 1);  // set where it was unset
+  dlog_print(DLOG_DEBUG, "T", "debug now");
+  setenv("VELNA_LOG_OTHER", "x", 1);  // an unrelated variable moves the environment
+  unsetenv("VELNA_LOG_LEVEL");
+  dlog_print(DLOG_DEBUG, "T", "hidden again");
+  setenv("VELNA_LOG_LEVEL", "error", 1);
+  unsetenv("VELNA_LOG_OTHER");
+  dlog_print(DLOG_WARN, "T", "hidden by error");
+
+  const std::string longer(3000, 'm'), longest(70000, 'n');
+  setenv("VELNA_LOG_LEVEL", "info", 1);
+  dlog_print(DLOG_INFO, "T", "%s", longer.c_str());
+  dlog_print(DLOG_INFO, "T", "%s", longest.c_str());
+
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    dlog_print(DLOG_INFO, "T", "from the child");
+    _exit(0);
+  }
+  ASSERT_EQ(child, waitpid(child, nullptr, 0));
+
+  std::string other = logFile_ + ".other";
+  setenv("VELNA_LOG_FILE", other.c_str(), 1);
+  dlog_print(DLOG_INFO, "T", "elsewhere");
+
+  std::vector<std::string> lines = Lines();
+  ASSERT_EQ(5u, lines.size());
+  EXPECT_EQ(Prefix('I', "T") + "first", lines[0]);
+  EXPECT_EQ(Prefix('D', "T") + "debug now", lines[1]);
+  EXPECT_EQ(Prefix('I', "T") + longer, lines[2]);
+  // Cut so that the line, its mark and newline included, stays within 64 KiB.
+  const std::string prefix = Prefix('I', "T");
+  EXPECT_EQ(prefix + std::string(65536 - 8 - prefix.size(), 'n') + " [cut]", lines[3]);
+  EXPECT_EQ(Prefix('I', "T", child) + "from the child", lines[4]);
+  std::ifstream in(other);
+  std::string line;
+  ASSERT_TRUE(std::getline(in, line));
+  EXPECT_EQ(Prefix('I', "T") + "elsewhere", line);
+}

@@ -1,5 +1,6 @@
 // rpc-port between this process (proxy) and the test app (stub, mode "echo"), against
 // hostile peers played by this process on raw sockets, and parcels in memory.
+#include <app_info.h>
 #include <app_manager.h>
 #include <glib.h>
 #include <gtest/gtest.h>
@@ -264,6 +265,9 @@ TEST_F(RpcPort, ConnectedAppAnswersOnTheMainPortWithinTheTimeoutAndInvokesOnTheC
 TEST_F(RpcPort, AppKilledMidConnectionDisconnectsWithoutLeakingDescriptors) {
   installEcho();
   RunLoopFor(20);  // the loop's own descriptors exist before the count
+  app_info_h info = nullptr;  // and so does the watch on the apps directory
+  ASSERT_EQ(app_info_create(kEchoApp, &info), 0);
+  app_info_destroy(info);
   int before = OpenDescriptors();
   {
     Client c;
