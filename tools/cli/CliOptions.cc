@@ -19,6 +19,7 @@ const char kToolUsage[] =
     "  focused                     name the app whose window has the focus\n"
     "  registered APP ACTION       tell whether APP declares the action id ACTION\n"
     "  explain APP                 what the library knows about APP, without sending anything\n"
+    "  check APP                   check APP against the library: manifest, then live\n"
     "  help [COMMAND]              this text, or a command's own\n"
     "\n"
     "Options:\n"
@@ -62,6 +63,15 @@ const CommandHelp kCommands[] = {
      "Tells whether APP is installed, its version, capsule id and SDK version, which\n"
      "mechanism the library uses and why, whether it runs and can be reached now, whether\n"
      "it is an alias app, and the action ids it declares. Sends nothing to the app.\n"},
+    {"check", 1, 1,
+     "Usage: talvo-cli check APP\n"
+     "Checks APP as the library will see it and prints a checklist (pass, warn, fail, with\n"
+     "a one-line fix for each failure). The manifest: syntax (file and line), Package,\n"
+     "Exec, metadata keys and near misses, version and capsule id, the action-id list, the\n"
+     "mechanism, AllowedClients, alias app. Then live, through the library: launch or\n"
+     "connection time, every declared action, a context request, chunked answers, the\n"
+     "focus of an alias app, an unknown action. Stops what it started. Exit 1 when a check\n"
+     "fails. --timeout: the wait for each answer (default 10).\n"},
     {"help", 0, 1, "Usage: talvo-cli help [COMMAND]\n"},
 };
 

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "AppChecker.h"
 #include "AppExplainer.h"
 #include "CliOptions.h"
 #include "RequestRunner.h"
@@ -28,5 +29,6 @@ int main(int argc, char **argv) {
   if (options.command == "state") return runner.runState();
   if (options.command == "focused") return runner.runFocused();
   if (options.command == "registered") return runner.runRegistered();
+  if (options.command == "check") return cli::AppChecker(options).run();
   return cli::AppExplainer(options).run();
 }
