@@ -78,6 +78,12 @@ std::string AnswerAsJson(const std::string &appId, bundle *answer) {
 
   JsonNode *root = json_node_new(JSON_NODE_OBJECT);
   json_node_take_object(root, top);
+  std::string out = PrettyJson(root);
+  json_node_unref(root);
+  return out;
+}
+
+std::string PrettyJson(JsonNode *root) {
   JsonGenerator *generator = json_generator_new();
   json_generator_set_pretty(generator, TRUE);
   json_generator_set_root(generator, root);
@@ -85,7 +91,6 @@ std::string AnswerAsJson(const std::string &appId, bundle *answer) {
   std::string out = std::string(text) + "\n";
   g_free(text);
   g_object_unref(generator);
-  json_node_unref(root);
   return out;
 }
 

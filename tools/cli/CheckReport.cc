@@ -2,6 +2,8 @@
 
 #include <json-glib/json-glib.h>
 
+#include "AnswerPrinter.h"
+
 namespace cli {
 
 namespace {
@@ -60,13 +62,7 @@ std::string CheckReport::json() const {
   json_builder_end_object(b);
 
   JsonNode *root = json_builder_get_root(b);
-  JsonGenerator *generator = json_generator_new();
-  json_generator_set_pretty(generator, TRUE);
-  json_generator_set_root(generator, root);
-  gchar *text = json_generator_to_data(generator, nullptr);
-  std::string out = std::string(text) + "\n";
-  g_free(text);
-  g_object_unref(generator);
+  std::string out = PrettyJson(root);
   json_node_unref(root);
   g_object_unref(b);
   return out;
