@@ -83,8 +83,9 @@ const char *talvo_companion_get_app_id(talvo_companion_h companion);
  * Both strings are copied. */
 int talvo_companion_answer_set_status(talvo_companion_answer_h answer, const char *code,
                                       const char *message);
-/* An extra string entry for the client. The keys the answer protocol uses ("status_code",
- * "status_msg", "result", "appContext" and the piece keys) are refused (-22). */
+/* An extra string entry for the client, copied. The keys the answer protocol uses
+ * ("status_code", "status_msg", "result", "appContext" and the piece keys) are refused
+ * (-22); a key added before, -17. */
 int talvo_companion_answer_add_str(talvo_companion_answer_h answer, const char *key,
                                    const char *value);
 
