@@ -2,9 +2,9 @@
 // it, does not begin with the package id of its app information, so the assistant's
 // actions wait until its window has the focus. Like any app that comes to the front, it
 // asks the window manager for the focus when it starts, then serves interface "message"
-// as the rpc-port sample does (RpcCompanion.h).
+// as the rpc-port sample does (SampleCompanion.h).
 //
-// Environment, besides RpcCompanion.h:
+// Environment, besides SampleCompanion.h:
 //   TALVO_SAMPLE_NO_FOCUS=1   never ask for the focus
 #include <dlog.h>
 #include <gio/gio.h>
@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "RpcCompanion.h"
+#include "SampleCompanion.h"
 
 #define SAMPLE_TAG "SAMPLE_ALIAS_APP"
 
@@ -51,5 +51,5 @@ int main() {
   const char *noFocus = getenv("TALVO_SAMPLE_NO_FOCUS");
   if (!noFocus || strcmp(noFocus, "1") != 0)
     RequestFocus();
-  return sample::RunRpcCompanion();
+  return sample::RunSampleCompanion(TALVO_COMPANION_MECHANISM_FROM_MANIFEST);
 }

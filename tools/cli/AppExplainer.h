@@ -40,6 +40,9 @@ class AppExplainer {
   static void probeReachability(AppFacts *facts);
 };
 
+// The directory of installed manifests: VELNA_APPS_DIR, else the platform's default.
+std::string InstalledAppsDir();
+
 int RunExplain(const CliOptions &options);
 int RunList(const CliOptions &options);
 

@@ -12,11 +12,6 @@ namespace cli {
 
 namespace {
 
-std::string AppsDir() {
-  const char *dir = std::getenv("VELNA_APPS_DIR");
-  return dir && *dir ? dir : VELNA_DEFAULT_APPS_DIR;
-}
-
 // App ids of the manifests in dir, sorted; false when dir cannot be read.
 bool InstalledApps(const std::string &dir, std::vector<std::string> *ids) {
   GDir *handle = g_dir_open(dir.c_str(), 0, nullptr);
@@ -47,8 +42,13 @@ void PrintRow(const AppFacts &f) {
 
 }  // namespace
 
+std::string InstalledAppsDir() {
+  const char *dir = std::getenv("VELNA_APPS_DIR");
+  return dir && *dir ? dir : VELNA_DEFAULT_APPS_DIR;
+}
+
 int RunList(const CliOptions &options) {
-  std::string dir = AppsDir();
+  std::string dir = InstalledAppsDir();
   std::vector<std::string> ids;
   if (!InstalledApps(dir, &ids))
     return Fail(options, kExitEnvironment, "the apps directory " + dir + " cannot be read");

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "AppChecker.h"
 #include "AppExplainer.h"
 #include "Monitor.h"
 #include "Output.h"
@@ -47,6 +48,15 @@ const Command kCommands[] = {
      "it is an alias app, the action ids it declares, and the file that receives its\n"
      "output when the platform launches it. Sends nothing to the app.\n",
      RunExplain},
+    {"check", "APP", "check APP against the library: manifest, then live", 1, Rest::kNone,
+     "Checks APP as the library will see it and prints a checklist (pass, warn, fail, with\n"
+     "a one-line fix for each failure). The manifest: syntax (file and line), Package,\n"
+     "Exec, metadata keys and near misses, version and capsule id, the action-id list, the\n"
+     "mechanism, AllowedClients, alias app. Then live, through the library: launch or\n"
+     "connection time, every declared action, a context request, chunked answers, the\n"
+     "focus of an alias app, an unknown action. Stops what it started. Exits 1 when a\n"
+     "check fails. --timeout: the wait for each answer (default 10).\n",
+     RunCheck},
     {"list", "", "the installed apps, as explain sees each", 0, Rest::kNone,
      "One line per installed app: mechanism and why, running, reachable, alias, declared\n"
      "action ids. With --json, one document with every app as explain --json shows it.\n",

@@ -20,17 +20,12 @@
 
 #include "MessageStub.h"
 
-#include <dlog.h>
 #include <errno.h>
 #include <stdlib.h>
 
 #include <memory>
 
-#define COMPANION_LOG_TAG "COMPANION_SDK"
-#define SDK_LOGE(fmt, ...) \
-  dlog_print(DLOG_ERROR, COMPANION_LOG_TAG, "%s(%d) > " fmt, __func__, __LINE__, ##__VA_ARGS__)
-#define SDK_LOGD(fmt, ...) \
-  dlog_print(DLOG_DEBUG, COMPANION_LOG_TAG, "%s(%d) > " fmt, __func__, __LINE__, ##__VA_ARGS__)
+#include "Log.h"
 
 namespace companion {
 
@@ -77,7 +72,7 @@ int MessageStub::listen() {
   rpc_port_stub_h stub = nullptr;
   int r = rpc_port_stub_create(&stub, kPortName);
   if (r != 0) {
-    SDK_LOGE("Failed to create the stub of port %s: %d", kPortName, r);
+    COMPANION_LOGE("Failed to create the stub of port %s: %d", kPortName, r);
     return r;
   }
   rpc_port_stub_add_connected_event_cb(stub, onConnectedCb, this);
@@ -86,7 +81,7 @@ int MessageStub::listen() {
 
   r = rpc_port_stub_listen(stub);
   if (r != 0) {
-    SDK_LOGE("Failed to listen on port %s: %d", kPortName, r);
+    COMPANION_LOGE("Failed to listen on port %s: %d", kPortName, r);
     rpc_port_stub_destroy(stub);
     return r;
   }
@@ -154,10 +149,10 @@ void MessageStub::onConnectedCb(const char *sender, const char *instance, void *
   try {
     auto *stub = static_cast<MessageStub *>(self);
     stub->delegates_[instance];  // a connection with no delegate yet
-    SDK_LOGD("Connected: %s (%s)", sender, instance);
+    COMPANION_LOGD("Connected: %s (%s)", sender, instance);
     if (stub->onConnected_) stub->onConnected_(sender, instance);
   } catch (...) {
-    SDK_LOGE("Exception in the connected handler");
+    COMPANION_LOGE("Exception in the connected handler");
   }
 }
 
@@ -165,10 +160,10 @@ void MessageStub::onDisconnectedCb(const char *sender, const char *instance, voi
   try {
     auto *stub = static_cast<MessageStub *>(self);
     stub->delegates_.erase(instance);  // its delegates die with the connection
-    SDK_LOGD("Disconnected: %s (%s)", sender, instance);
+    COMPANION_LOGD("Disconnected: %s (%s)", sender, instance);
     if (stub->onDisconnected_) stub->onDisconnected_(sender, instance);
   } catch (...) {
-    SDK_LOGE("Exception in the disconnected handler");
+    COMPANION_LOGE("Exception in the disconnected handler");
   }
 }
 
@@ -180,14 +175,14 @@ int MessageStub::onReceivedCb(const char *sender, const char *instance, rpc_port
     rpc_port_parcel_h raw = nullptr;
     int r = rpc_port_parcel_create_from_port(&raw, port);
     if (r != 0) {
-      SDK_LOGE("Failed to read a parcel from %s (%s): %d", sender, instance, r);
+      COMPANION_LOGE("Failed to read a parcel from %s (%s): %d", sender, instance, r);
       return r;
     }
     ParcelPtr parcel(raw);
     return static_cast<MessageStub *>(self)->handleParcel(sender, instance, parcel.get(), port);
   } catch (...) {
     // An exception from the app's own handler: the connection itself is still sound.
-    SDK_LOGE("Exception while serving %s (%s)", sender, instance);
+    COMPANION_LOGE("Exception while serving %s (%s)", sender, instance);
     return 0;
   }
 }
@@ -218,7 +213,7 @@ int MessageStub::handleParcel(const std::string &sender, const std::string &inst
       rpc_port_parcel_read_bundle(parcel, &raw);
       BundlePtr msg(raw);
       if (!msg) {
-        SDK_LOGE("Send without a readable bundle from %s (%s)", sender.c_str(),
+        COMPANION_LOGE("Send without a readable bundle from %s (%s)", sender.c_str(),
                  instance.c_str());
         return 0;
       }
@@ -228,7 +223,7 @@ int MessageStub::handleParcel(const std::string &sender, const std::string &inst
 
     default:
       // The peer does not speak this interface: nothing it sends can be trusted.
-      SDK_LOGE("Unknown command %d from %s (%s), closing the connection", command,
+      COMPANION_LOGE("Unknown command %d from %s (%s), closing the connection", command,
                sender.c_str(), instance.c_str());
       return -EPROTO;
   }

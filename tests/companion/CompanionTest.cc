@@ -1,0 +1,168 @@
+// The companion SDK seen from both sides: a client process using the library's exported
+// functions against the SDK test app (sdk_test_app.cc) over each mechanism, and the SDK's
+// own refusals of bad input inside this process.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <talvo_companion.h>
+#include <talvo_proxy.h>
+#include <velna_main_loop.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "BusFixture.h"
+#include "Bundles.h"
+#include "LogCapture.h"
+#include "LoopUntil.h"
+#include "TempEnv.h"
+
+namespace {
+
+using namespace testsupport;
+
+constexpr const char kClientId[] = "org.velna.test.client";
+constexpr const char kApp[] = "org.velna.test.sdkapp";
+const std::string kKey = "http://velna.org/velna/metadata/talvo/";
+
+std::vector<Answer> calls;
+
+void OnAnswer(const char *appId, bundle *result, void *) {
+  calls.push_back(CopyAnswer(appId, result));
+}
+
+// The SDK test app installed with the SDK version that selects the mechanism under test.
+class SdkAgainstLibrary : public ::testing::TestWithParam<bool /* rpc-port */> {
+ protected:
+  void SetUp() override {
+    calls.clear();
+    setenv("VELNA_APP_ID", kClientId, 1);
+    setenv("SDK_TEST_REPORT", (env.root() + "/report").c_str(), 1);
+    env.install({kApp, kApp, "", SDK_TEST_APP, "",
+                 {{kKey + "companion-app/version", "3.0"},
+                  {kKey + "companion-app/capsule-id", "sdk.capsule"},
+                  {kKey + "sdk/version", GetParam() ? "1.1.0" : "1.0-alpha"}}});
+    ASSERT_EQ(0, velna_main_loop_init());
+    ASSERT_EQ(0, talvo_proxy_initialize());
+  }
+  void TearDown() override { talvo_proxy_deinitialize(); }
+
+  Answer request(bool state, const std::vector<std::pair<std::string, std::string>> &entries) {
+    BundlePtr b = MakeBundle(entries);
+    size_t before = calls.size();
+    int r = state ? talvo_proxy_app_state_request(kApp, b.get(), OnAnswer, nullptr)
+                  : talvo_proxy_app_action_execution(kApp, b.get(), OnAnswer, nullptr);
+    EXPECT_EQ(0, r);
+    EXPECT_TRUE(RunLoopUntil([&] { return calls.size() > before; }, 9000)) << log.dump();
+    return calls.size() > before ? calls[before] : Answer{};
+  }
+
+  BusFixture bus;
+  TempEnv env;
+  LogCapture log;
+};
+
+TEST_P(SdkAgainstLibrary, AnswersFollowTheRulesAndMayComeLate) {
+  Answer first = request(false, {{"actionId", "first"}});
+  EXPECT_EQ(kApp, first.appId);
+  EXPECT_EQ("done:first", first.str("result"));
+  EXPECT_EQ("ACTION_EXECUTION_SUCCESS", first.str("status_code"));
+  EXPECT_EQ("-22", first.str("wrong_kind"));  // a context cannot answer an action
+  EXPECT_EQ("-22", first.str("reserved"));    // nor can the app write protocol keys
+  EXPECT_FALSE(first.has("stale"));
+
+  // Answered from a timer after the handler returned; the first answer's handle is spent.
+  Answer late = request(false, {{"actionId", "second"}, {"delay_ms", "300"}});
+  EXPECT_EQ("done:second", late.str("result"));
+  EXPECT_EQ("-114", late.str("stale"));
+
+  // Contexts that the client could not use are refused; the third is wrapped whole.
+  Answer state = request(true, {});
+  EXPECT_EQ("-22", state.str("not_object"));
+  EXPECT_EQ("-22", state.str("no_concepts"));
+  EXPECT_EQ("ACTION_EXECUTION_SUCCESS", state.str("status_code"));
+  EXPECT_EQ(
+      "{\"appId\":\"org.velna.test.sdkapp\",\"appVersion\":\"3.0\",\"capsuleId\":"
+      "\"sdk.capsule\",\"contextBlob\":\"{\\\"concepts\\\":[],\\\"pad\\\":\\\"\\\"}\"}",
+      state.str("appContext"));
+}
+
+TEST_P(SdkAgainstLibrary, MegabyteAnswersArriveWhole) {
+  const size_t mib = 1024 * 1024;
+  Answer action = request(false, {{"actionId", "big"}, {"size", std::to_string(mib)}});
+  EXPECT_EQ(std::string(mib, 'x'), action.str("result"));
+  Answer state = request(true, {{"size", std::to_string(mib)}});
+  EXPECT_NE(std::string::npos, state.str("appContext").find(std::string(mib, 'y')));
+  // Over the message port both went out in pieces of the default size; rpc-port has no
+  // pieces.
+  EXPECT_EQ(GetParam() ? 0 : 1, log.count("[Received Data with len:1048576]"));
+  EXPECT_FALSE(action.has("chunk_result") || state.has("app_state_chunk_result"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Mechanisms, SdkAgainstLibrary, ::testing::Values(false, true),
+                         [](const auto &info) { return info.param ? "RpcPort" : "MessagePort"; });
+
+class SdkRpcPort : public SdkAgainstLibrary {};
+
+TEST_P(SdkRpcPort, AppIsToldWhenItsClientDisconnectsAndAHeldAnswerIsRefused) {
+  request(false, {{"actionId", "warmUp"}});
+  BundlePtr hold = MakeBundle({{"actionId", "hold"}});
+  ASSERT_EQ(0, talvo_proxy_app_action_execution(kApp, hold.get(), OnAnswer, nullptr));
+  RunLoopFor(300);  // the request reaches the app, which keeps its answer
+  talvo_proxy_deinitialize();  // drops the connection
+
+  std::string report;
+  ASSERT_TRUE(RunLoopUntil([&] {
+    std::ifstream in(env.root() + "/report");
+    std::stringstream text;
+    text << in.rdbuf();
+    report = text.str();
+    return !report.empty();
+  }, 8000));
+  EXPECT_EQ(std::string(kClientId) + " -107\n", report);
+  EXPECT_EQ(1u, calls.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(Connection, SdkRpcPort, ::testing::Values(true),
+                         [](const auto &) { return "RpcPort"; });
+
+void Ignore(const char *, bundle *, talvo_companion_answer_h, void *) {}
+
+TEST(SdkBadInput, EachRefusalHasItsResultAndALine) {
+  TempEnv env;
+  LogCapture log;
+  talvo_companion_h app = nullptr;
+  EXPECT_EQ(-22, talvo_companion_create(Ignore, nullptr, nullptr, &app));
+  EXPECT_TRUE(log.has("on_context is null"));
+
+  unsetenv("VELNA_APP_ID");
+  EXPECT_EQ(-22, talvo_companion_create(Ignore, Ignore, nullptr, &app));
+  EXPECT_TRUE(log.has("VELNA_APP_ID is not set"));
+  setenv("VELNA_APP_ID", kApp, 1);
+  EXPECT_EQ(-2, talvo_companion_create(Ignore, Ignore, nullptr, &app));
+  EXPECT_TRUE(log.has("App org.velna.test.sdkapp is not installed"));
+  env.installRaw(kApp, "[Application]\nPackage=p\nnot a key file line\n");
+  EXPECT_EQ(-5, talvo_companion_create(Ignore, Ignore, nullptr, &app));
+  EXPECT_TRUE(log.has("cannot be read"));
+
+  // A manifest without a version is served, with a warning about every context answer.
+  env.installRaw(kApp, "[Application]\nPackage=p\n[Metadata]\n" + kKey + "sdk/version=1.1.0\n");
+  ASSERT_EQ(0, talvo_companion_create(Ignore, Ignore, nullptr, &app));
+  EXPECT_TRUE(log.has("declares no companion-app/version"));
+  EXPECT_EQ(TALVO_COMPANION_MECHANISM_RPC_PORT, talvo_companion_get_mechanism(app));
+  talvo_companion_h second = nullptr;
+  EXPECT_EQ(-16, talvo_companion_create(Ignore, Ignore, nullptr, &second));
+  EXPECT_EQ(-22, talvo_companion_set_chunk_size(app, 0));
+
+  // A handle that no request made is refused, never followed.
+  auto *stray = reinterpret_cast<talvo_companion_answer_h>(uintptr_t(12345));
+  EXPECT_EQ(-114, talvo_companion_answer_send_result(stray, "x"));
+  EXPECT_TRUE(log.has("was already sent or dropped"));
+  ASSERT_EQ(0, talvo_companion_start(app));
+  EXPECT_EQ(-16, talvo_companion_set_mechanism(app, TALVO_COMPANION_MECHANISM_MESSAGE_PORT));
+  talvo_companion_destroy(app);
+  EXPECT_EQ(-22, talvo_companion_start(app));
+}
+
+}  // namespace
