@@ -7,7 +7,8 @@
 //   "sample_status"      status code to report instead of ACTION_EXECUTION_SUCCESS
 //   "sample_result"      result text to report
 //   "sample_context"     context text to report, verbatim (need not be JSON)
-//   "sample_reply"       "silent": no answer; "crash": the app aborts
+//   "sample_reply"       "silent": no answer; "crash": the app aborts; "wrong_keys"
+//                        (message port only): an answer with none of the answer keys
 //   "sample_delay_ms"    answer after this many milliseconds
 //   "sample_chunk_size"  n > 0: message port only, send answers above n bytes in pieces
 //   "sample_echo"        any value: add "echo", one "key:str:value" or "key:byte:size"

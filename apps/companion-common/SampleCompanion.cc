@@ -2,6 +2,7 @@
 
 #include <dlog.h>
 #include <glib.h>
+#include <message_port.h>
 #include <velna_main_loop.h>
 
 #include <cstdlib>
@@ -50,6 +51,17 @@ void Handle(const char *client, bundle *request, talvo_companion_answer_h answer
     return;
   }
   if (reply == "crash") abort();
+  if (reply == "wrong_keys" && talvo_companion_get_mechanism(app) ==
+                                   TALVO_COMPANION_MECHANISM_MESSAGE_PORT) {
+    // Past the SDK on purpose: keys the library does not know, so that a test sees how
+    // the client reports an answer it cannot use.
+    bundle *wrong = bundle_create();
+    bundle_add_str(wrong, "unexpected", "key");
+    message_port_send_message(client, "TALVO_APP_SDK_PORT_516", wrong);
+    bundle_free(wrong);
+    talvo_companion_answer_drop(answer);
+    return;
+  }
 
   unsigned delay = std::strtoul(GetString(request, "sample_delay_ms", "0").c_str(), nullptr, 10);
   if (delay == 0) {

@@ -19,7 +19,7 @@ completes() {
   fi
 }
 completes "talvo-cli ex" explain
-completes "talvo-cli --json " action state focused registered explain list launch monitor run help
+completes "talvo-cli --json " action state focused registered explain check list launch monitor run help
 completes "talvo-cli --log-level=d" debug
 completes "talvo-cli -l w" warn
 completes "talvo-cli --json=s" short
