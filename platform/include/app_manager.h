@@ -9,6 +9,9 @@
 extern "C" {
 #endif
 
+/* Everything declared here is exported from libvelna-platform; nothing else is. */
+#pragma GCC visibility push(default)
+
 /* 0 and *running. -22 for an invalid app id or a null argument. */
 int app_manager_is_running(const char *app_id, bool *running);
 /* 0 and a newly allocated app id in *app_id (free with free()) of the live registered
@@ -17,6 +20,8 @@ int app_manager_get_app_id(pid_t pid, char **app_id);
 /* Extension: ends the running app (SIGTERM, then SIGKILL after 2 s) and returns once it
  * is gone. 0, also when it was not running; -22 for an invalid app id. */
 int app_manager_terminate_app(const char *app_id);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

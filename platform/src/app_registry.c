@@ -2,6 +2,7 @@
  * once and cached. A cached manifest is reused while the file's device, inode, size,
  * modification and change times stay the same, so a lookup costs one stat(2). */
 #include "app_registry_internal.h"
+#include "install_paths_internal.h"
 
 #include "runtime_internal.h"
 
@@ -71,7 +72,7 @@ static void cache_entry_free(gpointer data)
 static char *apps_dir(void)
 {
         const char *env = getenv("VELNA_APPS_DIR");
-        return g_strdup(env && *env ? env : VELNA_DEFAULT_APPS_DIR);
+        return g_strdup(env && *env ? env : velna_default_apps_dir());
 }
 
 /* File times have the kernel's coarse granularity: two writes within one tick may leave
