@@ -27,7 +27,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${TALVO_SONAME_PACKAGE})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
   "Talvo proxy library and Velna platform layer (shared libraries, system-bus policy)")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtalvo-proxy-dev)
@@ -35,13 +35,13 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEV_DEPENDS runtime)
 # What the .pc files name in Requires.private must be there for pkg-config --cflags.
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libglib2.0-dev, libjson-glib-dev, libefl-all-dev")
-set(CPACK_COMPONENT_DEV_DESCRIPTION
+set(CPACK_DEBIAN_DEV_DESCRIPTION
   "Talvo proxy development files (headers, pkg-config files, CMake package)")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME talvo-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
-set(CPACK_COMPONENT_TOOLS_DESCRIPTION
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION
   "Talvo proxy tools: talvo-cli and the window-manager simulator talvo-wm-sim")
 
 set(CPACK_DEBIAN_SAMPLES_PACKAGE_NAME talvo-samples)
@@ -49,7 +49,7 @@ set(CPACK_DEBIAN_SAMPLES_PACKAGE_SECTION devel)
 set(CPACK_COMPONENT_SAMPLES_DEPENDS runtime tools)
 # The demo runs these programs; it does not link them.
 set(CPACK_DEBIAN_SAMPLES_PACKAGE_DEPENDS "dbus-daemon")
-set(CPACK_COMPONENT_SAMPLES_DESCRIPTION
+set(CPACK_DEBIAN_SAMPLES_DESCRIPTION
   "Talvo proxy sample companion apps and the demo (talvo-demo)")
 
 include(CPack)
