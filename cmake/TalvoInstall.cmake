@@ -52,17 +52,19 @@ function(talvo_install_library target)
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 endfunction()
 
-# talvo_add_exports_check(<target> HEADERS <file>...)
+# talvo_add_exports_check(<target> HEADERS <file>... [FUNCTIONS <name>...])
 #
 # Registers a test, Exports.<target>MatchesItsHeaders, that fails unless the dynamic
 # symbol table of <target> defines exactly the functions that HEADERS declare (found by
 # the C compiler, so macros and comments cannot fool it). Build the target with hidden
 # visibility and open each installed header with "#pragma GCC visibility push(default)"
-# (close it with pop), and a new public function is exported by being declared.
+# (close it with pop), and a new public function is exported by being declared. FUNCTIONS
+# pins the declared set too, for a library whose interface is fixed.
 function(talvo_add_exports_check target)
-  cmake_parse_arguments(ARG "" "" "HEADERS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "HEADERS;FUNCTIONS" ${ARGN})
   set_property(GLOBAL APPEND PROPERTY TALVO_EXPORT_CHECKED_TARGETS ${target})
   set_property(TARGET ${target} PROPERTY TALVO_EXPORTED_HEADERS ${ARG_HEADERS})
+  set_property(TARGET ${target} PROPERTY TALVO_EXPORTED_FUNCTIONS ${ARG_FUNCTIONS})
 endfunction()
 
 # Installed programs look for the libraries in <prefix>/<libdir>, reached from their own

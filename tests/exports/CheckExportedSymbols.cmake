@@ -1,7 +1,9 @@
 # Fails unless LIBRARY's dynamic symbol table defines exactly the functions that HEADERS
 # ('|'-separated) declare, and nothing else. The declarations come from the C compiler
 # (-aux-info lists every function declared, with the file that declares it).
-# INCLUDE_DIRS ('|'-separated) are where the headers find what they include.
+# INCLUDE_DIRS ('|'-separated) are where the headers find what they include. EXPECTED
+# ('|'-separated function names), when given, pins the declared set as well, so that a
+# function added to a header fails too.
 # Run with: cmake -DNM=<nm> -DCC=<gcc> -DLIBRARY=<so> -DHEADERS=<h|h> -DINCLUDE_DIRS=<d|d>
 #                 -DWORK=<dir> -P <this>
 cmake_minimum_required(VERSION 3.25)
@@ -42,6 +44,14 @@ list(REMOVE_DUPLICATES declared)
 list(SORT declared)
 if(NOT declared)
   message(FATAL_ERROR "no function found in ${HEADERS}")
+endif()
+if(DEFINED EXPECTED)
+  string(REPLACE "|" ";" expected "${EXPECTED}")
+  list(TRANSFORM expected PREPEND "T ")
+  list(SORT expected)
+  if(NOT declared STREQUAL expected)
+    message(FATAL_ERROR "declared: ${declared}\nexpected: ${expected}")
+  endif()
 endif()
 
 execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY}
