@@ -57,6 +57,14 @@ depends $tools 'libglib2\.0-0 (>='
 depends $samples "$tools (= $version)"
 depends $samples 'dbus-daemon'
 
+# The library package leaves nothing behind on removal: no maintainer scripts (a postrm
+# keeps a removed package known to dpkg), ldconfig by trigger.
+deb=$(ls "$work"/debs/${runtime}_*.deb)
+dpkg-deb --ctrl-tarfile "$deb" | tar t > "$work/control"
+! grep -Eq 'post(inst|rm)|pre(inst|rm)' "$work/control" || fail "$runtime has maintainer scripts"
+[ "$(dpkg-deb --info "$deb" triggers)" = "activate-noawait ldconfig" ] || fail "no ldconfig trigger"
+grep -q "^libtalvo-proxy 1 $runtime" <(dpkg-deb --info "$deb" shlibs) || fail "no shlibs entry"
+
 # Nothing from the build tree: no path into it, no build artefacts.
 if grep -rl -- "$build" "$work"/root-*; then fail "the files above name $build"; fi
 if grep -E '\.(o|a|cmake\.in)$|CMakeFiles' "$work/packaged"; then fail "build artefacts packaged"; fi
