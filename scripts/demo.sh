@@ -39,4 +39,5 @@ set -e
 [ "$status" -eq 0 ] || fail "Building"
 session_say "Built"
 
+rm -f "$log"  # exec below ends this shell without its EXIT trap
 exec "$build/tools/demo/talvo-demo"
