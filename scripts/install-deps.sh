@@ -7,10 +7,10 @@ packages=(
   build-essential cmake ninja-build pkg-config git
   libglib2.0-dev libjson-glib-dev libefl-all-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  dbus-daemon dbus
+  dbus-daemon dbus dbus-bin
   clang libclang-rt-14-dev llvm
   binutils procps
-  scdoc python3
+  scdoc python3 dpkg-dev file
 )
 
 missing=()

@@ -3,15 +3,28 @@
 # plus two broken variants), starts a private dbus-daemon as the system bus and the
 # window-manager simulator, and exports the variables that a client needs. session_stop
 # ends every app started from WORK/rt, the simulator and the bus, and removes WORK.
+# What the session is made from is found in the build tree BUILD, unless the caller set
+# session_manifests, session_wm_sim and session_bus_config (an installed tree does).
 session_bus_pid=""
 session_sim_pid=""
 session_work=""
+session_began=${session_began:-$(date +%s%N)}
+
+# session_say TEXT: one line, prefixed with the seconds since the session script began.
+session_say() {
+  local now
+  now=$(date +%s%N)
+  printf '[%6.1f s] %s\n' "$(( (now - session_began) / 1000000 ))e-3" "$*"
+}
 
 session_start() {
   session_work=$1
-  local build=$2
+  local build=${2:-}
+  local manifests=${session_manifests:-$build/apps/manifests}
+  local wm_sim=${session_wm_sim:-$build/tools/wm-sim/talvo-wm-sim}
+  local bus_config=${session_bus_config:-$(dirname "${BASH_SOURCE[0]}")/../tools/dbus/talvo-private-bus.conf}
   mkdir -m 700 "$session_work/rt" && mkdir "$session_work/apps"
-  cp "$build"/apps/manifests/*.app "$session_work/apps/"
+  cp "$manifests"/*.app "$session_work/apps/"
   local apps=$session_work/apps port_exec
   port_exec=$(sed -n 's/^Exec=//p' "$apps/org.velna.sample.portcompanion.app")
   # An app that starts but never registers its port, and an rpc-port app with nothing to run.
@@ -23,7 +36,7 @@ session_start() {
 
   export VELNA_RUNTIME_DIR=$session_work/rt VELNA_APPS_DIR=$apps
 
-  dbus-daemon --config-file="$(dirname "${BASH_SOURCE[0]}")/../tools/dbus/talvo-private-bus.conf" \
+  dbus-daemon --config-file="$bus_config" \
     --address="unix:path=$session_work/bus" --nofork --print-address=3 \
     3>"$session_work/bus.address" 2>/dev/null &
   session_bus_pid=$!
@@ -31,7 +44,7 @@ session_start() {
   export DBUS_SYSTEM_BUS_ADDRESS
   DBUS_SYSTEM_BUS_ADDRESS=$(head -n1 "$session_work/bus.address")
 
-  "$build/tools/wm-sim/talvo-wm-sim" --layout 13 > "$session_work/sim.out" 2>&1 &
+  "$wm_sim" --layout 13 > "$session_work/sim.out" 2>&1 &
   session_sim_pid=$!
   for _ in $(seq 100); do grep -q ready "$session_work/sim.out" 2>/dev/null && break; sleep 0.05; done
 }

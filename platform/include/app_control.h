@@ -6,6 +6,9 @@
 extern "C" {
 #endif
 
+/* Everything declared here is exported from libvelna-platform; nothing else is. */
+#pragma GCC visibility push(default)
+
 typedef struct app_control_s *app_control_h;
 
 typedef void (*app_control_reply_cb)(app_control_h request, app_control_h reply, int result,
@@ -22,6 +25,8 @@ int app_control_set_app_id(app_control_h app_control, const char *app_id);
  * reply callback, when given, is called on a later loop turn with the same result. */
 int app_control_send_launch_request(app_control_h app_control, app_control_reply_cb callback,
                                     void *user_data);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

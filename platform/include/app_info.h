@@ -8,6 +8,9 @@
 extern "C" {
 #endif
 
+/* Everything declared here is exported from libvelna-platform; nothing else is. */
+#pragma GCC visibility push(default)
+
 typedef struct app_info_s *app_info_h;
 
 typedef bool (*app_info_metadata_cb)(const char *metadata_key, const char *metadata_value,
@@ -26,6 +29,8 @@ int app_info_get_package(app_info_h app_info, char **package);
  * allocated, free with free(). */
 int app_info_get_app_id(app_info_h app_info, char **app_id);
 int app_info_get_exec(app_info_h app_info, char **exec);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

@@ -9,6 +9,9 @@
 extern "C" {
 #endif
 
+/* Everything declared here is exported from libvelna-platform; nothing else is. */
+#pragma GCC visibility push(default)
+
 /* 0 and *running. -22 for an invalid app id or a null argument. */
 int app_manager_is_running(const char *app_id, bool *running);
 /* 0 and a newly allocated app id in *app_id (free with free()) of the live registered
@@ -22,6 +25,8 @@ int app_manager_terminate_app(const char *app_id);
  * 0 and a newly allocated path (free with free()); -22 for an invalid app id, or the
  * runtime directory's error. */
 int app_manager_get_log_path(const char *app_id, char **path);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

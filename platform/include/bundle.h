@@ -9,6 +9,9 @@
 extern "C" {
 #endif
 
+/* Everything declared here is exported from libvelna-platform; nothing else is. */
+#pragma GCC visibility push(default)
+
 typedef struct _bundle_t bundle;
 typedef struct keyval_t bundle_keyval_t;
 
@@ -68,6 +71,8 @@ int bundle_keyval_get_basic_val(bundle_keyval_t *kv, void **val, size_t *size);
  * truncated or oversized input and -12 when out of memory; *out is a new bundle. */
 int bundle_encode_raw(bundle *b, unsigned char **raw, size_t *len);
 int bundle_decode_raw(const unsigned char *raw, size_t len, bundle **out);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

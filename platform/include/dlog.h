@@ -8,6 +8,9 @@
 extern "C" {
 #endif
 
+/* Everything declared here is exported from libvelna-platform; nothing else is. */
+#pragma GCC visibility push(default)
+
 typedef enum {
         DLOG_UNKNOWN = 0,
         DLOG_DEFAULT = 1,
@@ -36,6 +39,8 @@ int dlog_vprint(log_priority prio, const char *tag, const char *fmt, va_list ap)
 typedef void (*dlog_capture_cb)(log_priority prio, const char *tag, const char *message,
                                 void *user_data);
 void dlog_set_capture_handler(dlog_capture_cb handler, void *user_data);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

@@ -10,6 +10,9 @@
 extern "C" {
 #endif
 
+/* Everything declared here is exported from libvelna-platform; nothing else is. */
+#pragma GCC visibility push(default)
+
 /* Largest encoded message accepted by a send: 128 MiB. */
 #define MESSAGE_PORT_MAX_MESSAGE_SIZE (128u * 1024u * 1024u)
 /* Most bytes queued for one destination before sends fail with -11: 256 MiB. */
@@ -40,6 +43,8 @@ int message_port_check_remote_port(const char *remote_app_id, const char *remote
  * that destination, -5 on an I/O error. */
 int message_port_send_message(const char *remote_app_id, const char *remote_port,
                               bundle *message);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

@@ -11,6 +11,9 @@
 extern "C" {
 #endif
 
+/* Everything declared here is exported from libvelna-platform; nothing else is. */
+#pragma GCC visibility push(default)
+
 typedef struct rpc_port_s *rpc_port_h;
 typedef struct rpc_port_proxy_s *rpc_port_proxy_h;
 typedef struct rpc_port_stub_s *rpc_port_stub_h;
@@ -101,6 +104,8 @@ int rpc_port_parcel_read_bool(rpc_port_parcel_h h, bool *b);
 int rpc_port_parcel_read_string(rpc_port_parcel_h h, char **str);
 /* *b is a new bundle, free with bundle_free(). */
 int rpc_port_parcel_read_bundle(rpc_port_parcel_h h, bundle **b);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

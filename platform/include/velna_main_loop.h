@@ -8,6 +8,9 @@
 extern "C" {
 #endif
 
+/* Everything declared here is exported from libvelna-platform; nothing else is. */
+#pragma GCC visibility push(default)
+
 /* Idempotent: ecore_app_no_system_modules(), ecore_init() and the select function that
  * polls GLib's descriptors. 0, or -5 when ecore cannot be initialised. */
 int velna_main_loop_init(void);
@@ -20,6 +23,8 @@ int velna_main_loop_run(void);
 int velna_main_loop_run_until(bool (*done)(void *data), void *data, int timeout_ms);
 /* Flushes queued sends (for at most 2 s), then makes velna_main_loop_run return. */
 void velna_main_loop_quit(void);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

@@ -16,6 +16,9 @@
 extern "C" {
 #endif
 
+/* Everything declared here is exported from libvelna-platform; nothing else is. */
+#pragma GCC visibility push(default)
+
 typedef enum {
         VELNA_MONITOR_MESSAGE_PORT = 1,
         VELNA_MONITOR_RPC_PORT = 2,
@@ -57,6 +60,8 @@ void velna_monitor_stop(int fd);
  * the order sent. */
 int velna_monitor_receive(int conn, velna_monitor_record *record);
 void velna_monitor_record_clear(velna_monitor_record *record);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

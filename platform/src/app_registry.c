@@ -10,6 +10,7 @@
  * link (its target may change elsewhere), a cached manifest is reused while the file's
  * device, inode, size, modification and change times stay the same: one stat(2). */
 #include "app_registry_internal.h"
+#include "install_paths_internal.h"
 
 #include "env_internal.h"
 #include "runtime_internal.h"
@@ -89,7 +90,7 @@ static void cache_entry_free(gpointer data)
 static char *apps_dir(void)
 {
         const char *env = velna_env_get(&apps_dir_env);
-        return g_strdup(env && *env ? env : VELNA_DEFAULT_APPS_DIR);
+        return g_strdup(env && *env ? env : velna_default_apps_dir());
 }
 
 /* File times have the kernel's coarse granularity: two writes within one tick may leave

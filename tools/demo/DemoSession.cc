@@ -71,6 +71,26 @@ void DemoSession::report(bool ok, const std::string &what, const std::string &de
   std::fflush(stdout);
 }
 
+void DemoSession::explain(const std::string &why) {
+  // Wrapped under the step's line, so a newcomer reads why no answer is the right one.
+  const size_t width = 76;
+  std::string line = "       why:";
+  size_t start = 0;
+  while (start < why.size()) {
+    size_t end = why.find(' ', start);
+    if (end == std::string::npos) end = why.size();
+    std::string word = why.substr(start, end - start);
+    if (line.size() + 1 + word.size() > width) {
+      std::printf("%s\n", line.c_str());
+      line = "           ";
+    }
+    line += " " + word;
+    start = end + 1;
+  }
+  std::printf("%s\n", line.c_str());
+  std::fflush(stdout);
+}
+
 void DemoSession::onAnswer(const char *appId, bundle *result, void *data) {
   auto *answer = static_cast<Answer *>(data);
   answer->arrived = true;
@@ -152,8 +172,13 @@ void DemoSession::stepFocus() {
 }
 
 void DemoSession::stepAlias() {
-  request("action -> alias app, no connection yet", apps_.alias, false,
-          {{"actionId", "openGallery"}}, 3000, false, nullptr);
+  if (request("action -> alias app, no connection yet", apps_.alias, false,
+              {{"actionId", "openGallery"}}, 3000, false, nullptr))
+    explain("an alias app is one whose package goes by another name. The library "
+            "launches it and waits for its window to take the focus, then sends the "
+            "action only over a connection to the app that it already has. It has none "
+            "yet (nothing was asked of this app before), so it drops the action without "
+            "answering. The next step asks for the app's context, which connects it.");
   request("state  -> alias app (connects it)", apps_.alias, true, {}, 12000, true,
           [this](const Answer &a) { return CheckEnvelope(a.appContext, apps_.alias); });
   request("action -> alias app, served once it has the focus", apps_.alias, false,
@@ -188,8 +213,13 @@ int DemoSession::run() {
           {{"actionId", "playMusic"}}, 15000, true, [](const Answer &a) {
             return a.result == kFailureResult ? "" : "result " + a.result;
           });
-  request("action -> rpc-port app whose launch fails", apps_.noExec, false,
-          {{"actionId", "setAlarm"}}, 11500, false, nullptr);
+  if (request("action -> rpc-port app whose launch fails", apps_.noExec, false,
+              {{"actionId", "setAlarm"}}, 11500, false, nullptr))
+    explain("this app's manifest names no program, so the platform cannot start it and "
+            "refuses the connection. The library then forgets that connection, and the "
+            "request waiting for it finds nothing left to wait for and is dropped. A "
+            "failure answer is made only when a wait runs out (the step before), not "
+            "when a connection is refused.");
   talvo_proxy_deinitialize();
 
   std::printf("\n%d passed, %d failed\n", passed_, failed_);

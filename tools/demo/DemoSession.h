@@ -39,6 +39,8 @@ class DemoSession {
   };
   using Check = std::function<std::string(const Answer &)>;  // "" when as expected
 
+  // Prints why a step that ends with no answer ends so.
+  void explain(const std::string &why);
   void report(bool ok, const std::string &what, const std::string &detail, double seconds);
   bool request(const std::string &what, const std::string &appId, bool isState,
                std::vector<std::pair<std::string, std::string>> fields, int waitMs,
