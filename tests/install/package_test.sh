@@ -30,11 +30,13 @@ place() {
   [ -z "$wrong" ] || fail "$1 holds files that belong elsewhere: $wrong"
 }
 place $runtime '^/usr/lib/(.*/)?lib[a-z-]+\.so\.[0-9.]+$|^/usr/share/dbus-1/system\.d/[^/]+\.conf$'
-place $dev '^/usr/include/|^/usr/lib/(.*/)?(pkgconfig/[^/]+\.pc|cmake/TalvoProxy/|lib[a-z-]+\.so$)'
+place $dev '^/usr/include/|^/usr/lib/(.*/)?(pkgconfig/[^/]+\.pc|cmake/Talvo(Proxy|Companion)/|lib[a-z-]+\.so$)'
 place $tools '^/usr/bin/talvo-(cli|wm-sim)$|^/usr/share/(man|bash-completion)/'
 place $samples '^/usr/bin/talvo-demo$|^/usr/libexec/talvo-samples/|^/usr/share/talvo/'
 grep -q 'libtalvo-proxy\.so\.1$' "$work/$runtime.files" || fail "no soname link in $runtime"
 grep -q 'libvelna-platform\.so\.1$' "$work/$runtime.files" || fail "no platform library"
+grep -q 'libtalvo-companion\.so\.1$' "$work/$runtime.files" || fail "no companion SDK library"
+grep -q 'talvo-companion\.pc$' "$work/$dev.files" || fail "no SDK .pc file in $dev"
 grep -q 'talvo-proxy\.pc$' "$work/$dev.files" || fail "no .pc file in $dev"
 grep -q 'TalvoProxyConfigVersion\.cmake$' "$work/$dev.files" || fail "no CMake version file"
 
