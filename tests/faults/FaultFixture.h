@@ -72,8 +72,8 @@ class FaultTest : public ::testing::Test {
     ASSERT_EQ(0, velna_main_loop_init());
     ASSERT_EQ(0, talvo_proxy_initialize());
     ASSERT_TRUE(RunLoopUntil([&] { return !bus.ownerOf("org.velna.talvo.sdk.proxy").empty(); }, 5000));
-    // The platform's watch on the apps directory lives as long as the process; let the
-    // first manifest lookup open it before the count.
+    // The platform's watch on the apps directory lives as long as the process: it is
+    // made by a first lookup before the count, so that only what the faults leave counts.
     app_info_h info = nullptr;
     if (app_info_create(kClient, &info) == 0) app_info_destroy(info);
     fdsBefore = OpenFds();
@@ -81,21 +81,16 @@ class FaultTest : public ::testing::Test {
   void TearDown() override { talvo_proxy_deinitialize(); }
 
   // An app served by the shared test app in mode, over the message port (sdk "1.0-alpha")
-  // or rpc-port.
+  // or rpc-port; or by the rpc-port sample companion.
   void installTestApp(const std::string &appId, const std::string &mode, bool rpc) {
-    std::string key = kMetaKey;
-    env.install({appId, appId, "", std::string(TEST_APP) + " " + mode, "",
-                 {{key + "companion-app/version", "1.0.0"},
-                  {key + "companion-app/capsule-id", "fault.capsule"},
-                  {key + "sdk/version", rpc ? "1.1.0" : "1.0-alpha"}}});
-    used.push_back(appId);
+    install(appId, std::string(TEST_APP) + " " + mode, "1.0.0", rpc ? "1.1.0" : "1.0-alpha");
   }
-  void installRpcSample(const std::string &appId) {
-    std::string key = kMetaKey;
-    env.install({appId, appId, "", RPC_COMPANION_EXEC, "",
-                 {{key + "companion-app/version", "1.1.0"},
-                  {key + "companion-app/capsule-id", "fault.capsule"},
-                  {key + "sdk/version", "1.1.0"}}});
+  void installRpcSample(const std::string &appId) { install(appId, RPC_COMPANION_EXEC, "1.1.0", "1.1.0"); }
+  void install(const std::string &appId, const std::string &exec, const char *version, const char *sdk) {
+    const std::string key = kMetaKey;
+    env.install({appId, appId, "", exec, "",
+                 {{key + "companion-app/version", version}, {key + "companion-app/capsule-id", "fault.capsule"},
+                  {key + "sdk/version", sdk}}});
     used.push_back(appId);
   }
 
@@ -109,6 +104,19 @@ class FaultTest : public ::testing::Test {
   }
   bool waitCalls(size_t n, int timeoutMs) {
     return RunLoopUntil([&] { return calls.all.size() >= n; }, timeoutMs);
+  }
+  // Waits for n calls, runs the loop on a while for any stray one: exactly n came.
+  bool settle(size_t n, int timeoutMs = 10000, int quietMs = 300) {
+    const bool arrived = waitCalls(n, timeoutMs);
+    RunLoopFor(quietMs);
+    return arrived && calls.all.size() == n;
+  }
+
+  // The port app still serves after the fault: a new action gets one answer, "answer:a".
+  void expectServed(const std::string &appId) {
+    ASSERT_EQ(0, act(appId, "next", {{"actionId", "a"}}));
+    ASSERT_TRUE(settle(calls.all.size() + 1)) << log->dump();
+    EXPECT_EQ("answer:a", calls.all.back().str("result"));
   }
 
   // Ends the apps the test used, then checks and reports that descriptors came back and
