@@ -174,8 +174,14 @@ void velna_monitor_tap_parcel(velna_channel *channel, const void *parcel, size_t
         if (!tap_listening())
                 return;
 
-        tap_send(VELNA_MONITOR_RPC_PORT, NULL, NULL, velna_channel_peer_pid(channel), parcel,
-                 len);
+        /* Named here, while the receiver is known to the registry: a monitor that reads
+         * the copy later may find the receiver gone and could name only its pid. */
+        pid_t pid = velna_channel_peer_pid(channel);
+        char *receiver = NULL;
+        if (running_registry_identify_peer(pid, &receiver) < 0)
+                receiver = NULL;
+        tap_send(VELNA_MONITOR_RPC_PORT, receiver, NULL, pid, parcel, len);
+        free(receiver);
 }
 
 /* ---- the monitor's side ---- */
