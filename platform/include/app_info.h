@@ -29,6 +29,10 @@ int app_info_get_package(app_info_h app_info, char **package);
  * allocated, free with free(). */
 int app_info_get_app_id(app_info_h app_info, char **app_id);
 int app_info_get_exec(app_info_h app_info, char **exec);
+/* Extension: the directory of installed manifests that app_info_create reads:
+ * VELNA_APPS_DIR, else <prefix>/share/velna/apps of the tree that holds this library.
+ * 0 and a newly allocated path (free with free()); -22 for a null argument, -12. */
+int app_info_get_apps_dir(char **dir);
 
 #pragma GCC visibility pop
 

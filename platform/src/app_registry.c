@@ -487,6 +487,19 @@ int app_info_get_app_id(app_info_h app_info, char **app_id)
         return copy_out(app_info->manifest->app_id, app_id);
 }
 
+int app_info_get_apps_dir(char **dir)
+{
+        if (!dir)
+                return -EINVAL;
+        char *found = apps_dir();
+        char *out = strdup(found);
+        g_free(found);
+        if (!out)
+                return -ENOMEM;
+        *dir = out;
+        return 0;
+}
+
 int app_info_get_exec(app_info_h app_info, char **exec)
 {
         if (!app_info || !exec)

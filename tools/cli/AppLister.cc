@@ -1,4 +1,5 @@
 // "talvo-cli list": every installed app, as "explain" sees it, one line each.
+#include <app_info.h>
 #include <glib.h>
 
 #include <algorithm>
@@ -43,8 +44,11 @@ void PrintRow(const AppFacts &f) {
 }  // namespace
 
 std::string InstalledAppsDir() {
-  const char *dir = std::getenv("VELNA_APPS_DIR");
-  return dir && *dir ? dir : VELNA_DEFAULT_APPS_DIR;
+  char *dir = nullptr;  // ours to free
+  if (app_info_get_apps_dir(&dir) != 0) return "";
+  std::string out = dir;
+  free(dir);
+  return out;
 }
 
 int RunList(const CliOptions &options) {

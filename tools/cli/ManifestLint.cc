@@ -1,13 +1,13 @@
 #include "ManifestLint.h"
 
-#include "AppExplainer.h"
-
 #include <glib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
+
+#include "AppExplainer.h"
 
 namespace cli {
 
