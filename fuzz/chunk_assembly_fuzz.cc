@@ -18,7 +18,7 @@ constexpr uint8_t kText = 1, kMarker = 2, kPiece = 4, kLast = 64, kLarge = 128;
 
 struct Kind {
   const char *text_key, *marker_key, *piece_key, *text;  // text: what a plain answer holds
-  std::string TalvoProxyIpc::*chunks;
+  talvo::ipc::ChunkBuffer TalvoProxyIpc::*chunks;
   std::optional<std::string> TalvoProxyIpc::*droppedFrom;
 };
 const Kind kKinds[] = {
@@ -82,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static int large_left = 32;
   Model models[2];
   for (const Kind &kind : kKinds) {
-    std::string().swap(ipc->*kind.chunks);
+    (ipc->*kind.chunks).Clear();
     (ipc->*kind.droppedFrom).reset();
   }
 
@@ -115,9 +115,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (expected_kind) abort();  // not handed on
 
     for (int j = 0; j < 2; ++j) {
-      const std::string &chunks = ipc->*kKinds[j].chunks;
+      const talvo::ipc::ChunkBuffer &chunks = ipc->*kKinds[j].chunks;
       if (chunks.size() != models[j].buffer.size() ||
-          (chunks.size() < large.size() && chunks != models[j].buffer))
+          (chunks.size() > 0 && chunks.size() < large.size() &&
+           memcmp(chunks.data(), models[j].buffer.data(), chunks.size()) != 0))
         abort();
     }
   }

@@ -66,6 +66,19 @@ int bundle_keyval_get_type(bundle_keyval_t *kv);
  * the length including the terminating zero). -22 for an array entry or NULL. */
 int bundle_keyval_get_basic_val(bundle_keyval_t *kv, void **val, size_t *size);
 
+/* Long strings joined in place (extension). bundle_str_buffer_append appends size bytes
+ * to the buffer in *buffer, a new one when *buffer is NULL, and may move it (*buffer is
+ * updated); the buffer always holds a terminated string: its bytes up to the first zero
+ * byte appended. 0, -22 for a null argument, -12 when out of memory (the buffer is then
+ * unchanged). Handed to bundle_add_str, such a buffer is taken over by the bundle instead
+ * of copied when the call succeeds: the caller then no longer owns it and must not touch
+ * it; when the call fails it stays the caller's. bundle_str_buffer_size returns the bytes
+ * appended so far (0 for NULL); bundle_str_buffer_free frees a buffer that no bundle took
+ * (NULL is ignored). The memory of a freed buffer is kept for the process's next one. */
+int bundle_str_buffer_append(char **buffer, const void *bytes, size_t size);
+size_t bundle_str_buffer_size(const char *buffer);
+void bundle_str_buffer_free(char *buffer);
+
 /* Binary form for the transports (extension). encode: *raw is newly allocated, free with
  * free(). decode: never reads outside raw[0..len), fails with -22 on any malformed,
  * truncated or oversized input and -12 when out of memory; *out is a new bundle. */

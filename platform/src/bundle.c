@@ -11,6 +11,7 @@
  * (bundle_decode_view) lets its large byte values point into the transport's buffer. */
 #include "bundle_internal.h"
 
+#include "bundle_str_buffer_internal.h"
 #include "byteorder_internal.h"
 
 #include <errno.h>
@@ -31,6 +32,7 @@ struct keyval_t {
         void *value;       /* basic types: the value (a string keeps its NUL); owned
                               unless borrowed */
         bool borrowed;     /* value points into a decoded buffer that outlives the bundle */
+        bool str_buffer;   /* value is a string buffer taken over (bundle_str_buffer.c) */
         size_t size;       /* basic types: bytes of value, a string's NUL included */
         char **items;      /* str array: count strings and a NULL */
         size_t count;
@@ -56,7 +58,9 @@ static void entry_free(struct keyval_t *kv)
         for (size_t i = 0; kv->items && i < kv->count; i++)
                 free(kv->items[i]);
         free(kv->items);
-        if (!kv->borrowed)
+        if (kv->str_buffer)
+                velna_str_buffer_release(kv->value);
+        else if (!kv->borrowed)
                 free(kv->value);
         free(kv->key);
         free(kv);
@@ -389,10 +393,30 @@ int bundle_get_count(bundle *b)
         return b ? b->count : -EINVAL;
 }
 
+/* Takes a string buffer over as the value, without copying or measuring it; the buffer
+ * stays the caller's when this fails. */
+static int add_str_buffer(bundle *b, const char *key, char *text)
+{
+        if (!b || !key_is_valid(key))
+                return -EINVAL;
+        if (entry_lookup(b, key))
+                return -EEXIST;
+        struct keyval_t *kv = entry_new(key, strlen(key), BUNDLE_TYPE_STR);
+        if (!kv)
+                return -ENOMEM;
+        kv->value = text;
+        kv->size = velna_str_buffer_adopt(text) + 1;
+        kv->str_buffer = true;
+        entry_append(b, kv);
+        return 0;
+}
+
 int bundle_add_str(bundle *b, const char *key, const char *str)
 {
         if (!str)
                 return -EINVAL;
+        if (velna_str_buffer_outstanding(str))
+                return add_str_buffer(b, key, (char *)str);
         size_t len = strlen(str);
         return add_basic(b, key, BUNDLE_TYPE_STR, str, len, len + 1);
 }

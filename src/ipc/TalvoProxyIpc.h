@@ -13,6 +13,7 @@
 #include <string>
 
 #include "common/TalvoProxyCommonData.h"
+#include "ipc/ChunkBuffer.h"
 
 namespace rpc_port::message::proxy {
 class message;
@@ -99,8 +100,8 @@ class TalvoProxyIpc {
   // State shared by the steps above; all touched only on the main-loop thread.
   int32_t localPortId = 0;
   bool initialized = false;
-  std::string appStateChunks;
-  std::string resultChunks;
+  talvo::ipc::ChunkBuffer appStateChunks;
+  talvo::ipc::ChunkBuffer resultChunks;
   // The app whose chunked answer of that kind passed the buffer cap, while that answer's
   // remaining pieces are being dropped (see JoinPiece in the receive path); unset when
   // nothing is being dropped.

@@ -42,8 +42,6 @@ constexpr int kFocusCountLimit = 61;
 
 // Cap of each chunk buffer; a piece that would pass it drops its answer whole.
 constexpr size_t kChunkBufferCap = 128u * 1024u * 1024u;
-// Capacity that a chunk buffer keeps between answers; past it the memory is given back.
-constexpr size_t kChunkBufferKeep = 16u * 1024u * 1024u;
 
 // Result codes.
 constexpr int kErrNoMemory = -12;

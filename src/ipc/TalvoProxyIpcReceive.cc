@@ -32,7 +32,7 @@ char *GetStr(bundle *b, const char *key) {
 // usual (_processAppResultPort). A chunked answer that the same sender starts before it
 // has sent its oversized answer's final piece cannot be told from that answer's tail and
 // is dropped with it.
-bool JoinPiece(std::string &buffer, std::optional<std::string> &droppedFrom, bundle *message,
+bool JoinPiece(ChunkBuffer &buffer, std::optional<std::string> &droppedFrom, bundle *message,
                const char *marker, const char *markerKey, const char *pieceKey,
                const char *joinedKey, const std::string &appId) {
   const bool last = strcmp(marker, "true") == 0;
@@ -51,31 +51,20 @@ bool JoinPiece(std::string &buffer, std::optional<std::string> &droppedFrom, bun
     if (size > kChunkBufferCap - buffer.size()) {
       LOGE("Chunked answer from app:%s passes %zu bytes, dropped", appId.c_str(),
            kChunkBufferCap);
-      std::string().swap(buffer);
+      buffer.Clear();
       if (!last)
         droppedFrom = appId;
       return false;
     }
-    buffer.append(static_cast<const char *>(bytes), size);
+    buffer.Append(bytes, size);
   }
   if (!last)
     return false;
 
-  bundle_add_str(message, joinedKey, buffer.c_str());
+  buffer.AddTo(message, joinedKey);
   bundle_del(message, markerKey);  // marker points into it: not read past here
   bundle_del(message, pieceKey);
   return true;
-}
-
-// Empties a chunk buffer after its answer was handed on. The capacity stays for the next
-// chunked answer, which then joins its pieces into memory that is already there; a buffer
-// that grew past kChunkBufferKeep gives its memory back, so that one huge answer does not
-// stay resident for the rest of the process.
-void ResetChunkBuffer(std::string &buffer) {
-  if (buffer.capacity() > kChunkBufferKeep)
-    std::string().swap(buffer);
-  else
-    buffer.clear();
 }
 
 void HandOn(const TalvoProxyIpc &ipc, const std::string &appId, bundle *answer) {
@@ -130,7 +119,7 @@ void TalvoProxyIpc::_processAppResultPort(std::string appId, bundle *message) {
                         kKeyAppStateLastChunk, kKeyAppStateChunk, kKeyAppContext, appId))
       return;
     HandOn(*this, appId, message);
-    ResetChunkBuffer(appStateChunks);
+    appStateChunks.Clear();
     return;
   }
 
@@ -143,7 +132,7 @@ void TalvoProxyIpc::_processAppResultPort(std::string appId, bundle *message) {
   LOGD("[Received Data with len:%d]------------------------------------------",
        static_cast<int>(resultChunks.size()));
   HandOn(*this, appId, message);
-  ResetChunkBuffer(resultChunks);
+  resultChunks.Clear();
 }
 
 void TalvoProxyIpc::_processAppResult(std::string appId, bundle *answer) {
