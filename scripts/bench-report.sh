@@ -45,7 +45,8 @@ run_all() {
   { "${pin[@]}" "$bin/peers/peers-bench" big; "${pin[@]}" "$bin/library/library-bench" big; } \
     >"$raw/big.tsv"
   step "1 to $max_apps apps"
-  "${pin[@]}" "$bin/library/library-bench" scale "$max_apps" >"$raw/scale.tsv"
+  { "${pin[@]}" "$bin/peers/peers-bench" scale "$max_apps"
+    "${pin[@]}" "$bin/library/library-bench" scale "$max_apps"; } >"$raw/scale.tsv"
   step "RSS over 100000 requests"
   "${pin[@]}" "$bin/library/library-bench" rss 100000 >"$raw/rss.tsv"
   step "log lines"
@@ -75,7 +76,8 @@ awk -F'\t' '{ split($1, p, "-"); size = p[length(p)]; sub("MiB", "", size)
                                     v[s, "stream-raw"], v[s, "memcpy"] }' \
   "$raw/big.tsv" | sort -n >"$logdir/big.dat"
 awk -F'\t' '{ n = $1; sub(".*-", "", n); kind = $1; sub("-[0-9]+$", "", kind); v[n, kind] = $2; c[n, kind] = $4; ns[n] = 1 }
-     END { for (n in ns) print n, v[n, "scale-rr"], v[n, "scale-one"], c[n, "scale-rr"], c[n, "scale-one"] }' \
+     END { for (n in ns) print n, v[n, "scale-rr"], v[n, "scale-one"], c[n, "scale-rr"], c[n, "scale-one"],
+                               v[n, "raw-scale-rr"] }' \
   "$raw/scale.tsv" | sort -n >"$logdir/scale.dat"
 if command -v gnuplot >/dev/null; then
   gnuplot <<PLOT
@@ -99,7 +101,8 @@ set ylabel "microseconds"
 plot "$logdir/scale.dat" using 1:2 with linespoints title "median, round-robin", \
      "" using 1:3 with linespoints title "median, all to one app", \
      "" using 1:4 with linespoints title "client CPU, round-robin", \
-     "" using 1:5 with linespoints title "client CPU, all to one app"
+     "" using 1:5 with linespoints title "client CPU, all to one app", \
+     "" using 1:6 with linespoints title "raw floor: echo processes, round-robin"
 PLOT
 else
   step "gnuplot not found: no plots (scripts/bench.sh installs it)"
