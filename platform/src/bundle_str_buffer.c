@@ -10,8 +10,9 @@
  * one on first touch. So the process keeps one spare, the largest buffer freed, and the
  * next buffer starts in it. The spare's pages past SPARE_RESIDENT are handed to the
  * kernel with MADV_FREE: they cost nothing to write again while memory is plentiful,
- * and the kernel reclaims them when it is not, so that one huge string does not pin its
- * memory for the rest of the process.
+ * and the kernel reclaims them when it is not. Once the spare has gone unused for a
+ * tick of SPARE_IDLE_MS on the default main context, it is cut back to SPARE_RESIDENT,
+ * so that one huge string does not stay in the process's resident set either.
  *
  * Buffers that callers own are listed (outstanding), so that bundle_add_str can tell
  * one from any other string without reading outside it. */
@@ -33,6 +34,8 @@
 #define MAP_MIN (64u * 1024u)
 /* Pages of the spare that stay resident as they are. */
 #define SPARE_RESIDENT (16u * 1024u * 1024u)
+/* A spare larger than SPARE_RESIDENT and unused for this long is cut back to it. */
+#define SPARE_IDLE_MS 1000
 
 struct str_buffer {
         size_t map_size; /* of the whole mapping, header included */
@@ -45,6 +48,8 @@ static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 static GHashTable *outstanding; /* text -> its header, for the buffers callers own */
 static unsigned outstanding_count; /* read without the lock on bundle_add_str's path */
 static struct str_buffer *spare;
+static bool spare_used;        /* taken or given back since the trim timer last ran */
+static guint spare_trim_timer; /* on the default main context; 0 when none is due */
 
 static char *text_of(struct str_buffer *h)
 {
@@ -99,6 +104,7 @@ static struct str_buffer *buffer_new(size_t need)
         pthread_mutex_lock(&lock);
         struct str_buffer *h = spare;
         spare = NULL;
+        spare_used = true;
         pthread_mutex_unlock(&lock);
         if (h)
                 return h;
@@ -140,6 +146,25 @@ static void buffer_unmap(struct str_buffer *h)
                 munmap(h, h->map_size);
 }
 
+/* Cuts a large spare back to SPARE_RESIDENT once a whole tick passed without it being
+ * taken or given back; a shrink in place cannot fail for want of memory. */
+static gboolean on_spare_trim_tick(gpointer data)
+{
+        (void)data;
+        pthread_mutex_lock(&lock);
+        if (spare_used) {
+                spare_used = false;
+                pthread_mutex_unlock(&lock);
+                return G_SOURCE_CONTINUE;
+        }
+        if (spare && spare->map_size > SPARE_RESIDENT &&
+            mremap(spare, spare->map_size, SPARE_RESIDENT, 0) != MAP_FAILED)
+                spare->map_size = SPARE_RESIDENT;
+        spare_trim_timer = 0; /* this source ends by returning G_SOURCE_REMOVE */
+        pthread_mutex_unlock(&lock);
+        return G_SOURCE_REMOVE;
+}
+
 void velna_str_buffer_release(char *text)
 {
         if (!text)
@@ -155,6 +180,9 @@ void velna_str_buffer_release(char *text)
                 unused = spare;
                 spare = h;
         }
+        spare_used = true;
+        if (spare->map_size > SPARE_RESIDENT && !spare_trim_timer)
+                spare_trim_timer = g_timeout_add(SPARE_IDLE_MS, on_spare_trim_tick, NULL);
         pthread_mutex_unlock(&lock);
         buffer_unmap(unused);
 }

@@ -2,10 +2,13 @@
 // ownership on success and failure, and reuse of a freed buffer's memory.
 #include <bundle.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <string>
 
 #include "Bundles.h"
+#include "LoopUntil.h"
 
 namespace {
 
@@ -108,6 +111,27 @@ TEST(BundleStrBuffer, NextBufferStartsInTheMemoryOfTheLastOneFreed) {
   EXPECT_EQ(first, second);
   EXPECT_STREQ("x", second);  // none of the old text shows through
   bundle_str_buffer_free(second);
+}
+
+long ResidentMiB() {
+  long pages = 0, resident = 0;
+  FILE *f = fopen("/proc/self/statm", "r");
+  if (f) {
+    if (fscanf(f, "%ld %ld", &pages, &resident) != 2)
+      resident = 0;
+    fclose(f);
+  }
+  return resident * sysconf(_SC_PAGESIZE) / (1024 * 1024);
+}
+
+TEST(BundleStrBuffer, AHugeFreedBufferLeavesTheResidentSetOnceIdle) {
+  char *buffer = nullptr;
+  Join(&buffer, 64, 1024 * 1024);
+  bundle_str_buffer_free(buffer);
+  const long afterFree = ResidentMiB();
+  // Kept for the next string at first; cut back to 16 MiB after an idle tick.
+  EXPECT_TRUE(testsupport::RunLoopUntil([&] { return ResidentMiB() < afterFree - 32; }, 5000))
+      << "resident " << ResidentMiB() << " MiB, " << afterFree << " MiB right after the free";
 }
 
 }  // namespace
