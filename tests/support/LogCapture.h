@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,7 +16,6 @@
 namespace testsupport {
 
 constexpr char kLibraryTag[] = "TALVO-PROXY";
-constexpr char kLibraryVersionText[] = "v1.0-beta.2.3 :  ";
 
 struct LogLine {
   log_priority prio;
@@ -69,18 +69,13 @@ class LogCapture {
     for (int i = find(needle, from); i >= 0; i = find(needle, i + 1)) ++n;
     return n;
   }
-  // Lines that the library logged from function, from line from on.
+  // Lines that the library logged from function, from line from on; function "": lines
+  // without the library's prefix.
   int countFrom(const std::string &function, int from = 0) const {
     return count(Match([&](const LogLine &l) {
                    return l.tag == kLibraryTag && l.function == function;
                  }), from);
   }
-  // Library lines without the library's own prefix.
-  int unprefixed() const {
-    return count(
-        Match([](const LogLine &l) { return l.tag == kLibraryTag && l.function.empty(); }));
-  }
-
   // Whether the records appear in this order from line from on (other lines may come
   // between them). The failure names the first record missing and shows every line.
   ::testing::AssertionResult sequence(const std::vector<LogRecord> &records, int from = 0) const {
@@ -115,14 +110,11 @@ class LogCapture {
   // Splits "<version text> <digits> <function>(): <text>"; leaves function empty when the
   // message does not have that shape.
   static void parsePrefix(LogLine &line) {
-    const std::string head = std::string(kLibraryVersionText) + " ", &m = line.message;
-    const size_t end = m.find_first_not_of("0123456789", head.size());
-    const size_t close = end == std::string::npos ? end : m.find("(): ", end);
-    if (m.compare(0, head.size(), head) != 0 || end == head.size() || close == std::string::npos ||
-        m[end] != ' ' || close == end + 1)
-      return;
-    line.function = m.substr(end + 1, close - end - 1);
-    line.text = m.substr(close + 4);
+    static const std::regex head(R"(v1\.0-beta\.2\.3 :   \d+ ([^ (]+)\(\): )");
+    std::smatch m;
+    if (!std::regex_search(line.message, m, head, std::regex_constants::match_continuous)) return;
+    line.function = m[1];
+    line.text = m.suffix();
   }
   static void onLine(log_priority prio, const char *tag, const char *message, void *self) {
     auto *capture = static_cast<LogCapture *>(self);
