@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +15,7 @@
 namespace testsupport {
 
 constexpr char kLibraryTag[] = "TALVO-PROXY";
+constexpr char kLibraryVersionText[] = "v1.0-beta.2.3 :  ";
 
 struct LogLine {
   log_priority prio;
@@ -110,11 +110,14 @@ class LogCapture {
   // Splits "<version text> <digits> <function>(): <text>"; leaves function empty when the
   // message does not have that shape.
   static void parsePrefix(LogLine &line) {
-    static const std::regex head(R"(v1\.0-beta\.2\.3 :   \d+ ([^ (]+)\(\): )");
-    std::smatch m;
-    if (!std::regex_search(line.message, m, head, std::regex_constants::match_continuous)) return;
-    line.function = m[1];
-    line.text = m.suffix();
+    const std::string head = std::string(kLibraryVersionText) + " ", &m = line.message;
+    const size_t end = m.find_first_not_of("0123456789", head.size());
+    const size_t close = end == std::string::npos ? end : m.find("(): ", end);
+    if (m.compare(0, head.size(), head) != 0 || end == head.size() || close == std::string::npos ||
+        m[end] != ' ' || close == end + 1)
+      return;
+    line.function = m.substr(end + 1, close - end - 1);
+    line.text = m.substr(close + 4);
   }
   static void onLine(log_priority prio, const char *tag, const char *message, void *self) {
     auto *capture = static_cast<LogCapture *>(self);
