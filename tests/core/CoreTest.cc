@@ -32,34 +32,6 @@ class CoreTest : public ::testing::Test {
   Recorder action, state;
 };
 
-TEST_F(CoreTest, EverythingIsRefusedBeforeInitialization) {
-  BundlePtr data = MakeBundle();
-  EXPECT_EQ(talvo_proxy_deinitialize(), 0);
-  EXPECT_TRUE(
-      log.has(LogE("deinitialize", "TalvoProxy is not initialized. Please initialize it first.")));
-  EXPECT_FALSE(log.has("TalvoProxyActionRequest"));
-
-  EXPECT_EQ(talvo_proxy_app_action_execution(kSelf, data.get(), Recorder::Callback, &action),
-            kRefused);
-  EXPECT_EQ(talvo_proxy_app_state_request(kSelf, data.get(), Recorder::Callback, &state),
-            kRefused);
-  EXPECT_EQ(talvo_proxy_get_focused_app_id(), nullptr);
-  EXPECT_TRUE(log.sequence({LogE("executeAction", "Talvo Proxy is not initialized"),
-                            LogE("requestAppState", "Talvo Proxy is not initialized"),
-                            LogE("getFocusedAppId", "Talvo Proxy is not initialized")}));
-  EXPECT_EQ(log.count("Talvo Proxy is not initialized"), 3);
-  EXPECT_EQ(bundle_get_count(data.get()), 0);
-
-  // A null app id is refused first, whatever the state.
-  EXPECT_EQ(talvo_proxy_app_action_execution(nullptr, nullptr, nullptr, nullptr), -22);
-  EXPECT_EQ(talvo_proxy_app_state_request(nullptr, nullptr, nullptr, nullptr), -22);
-  EXPECT_EQ(log.count("app_id is null"), 2);
-  EXPECT_EQ(log.count("Talvo Proxy is not initialized"), 3);
-
-  RunLoopFor(50);
-  EXPECT_EQ(action.calls() + state.calls(), 0);
-}
-
 // Start-up runs IPC, action request, state request, common data; shut-down runs both
 // request components first, then IPC, then common data (which logs nothing when it stops).
 const std::vector<LogRecord> kStartUp = {
@@ -74,7 +46,30 @@ const std::vector<LogRecord> kShutDown = {
     LogD("deinitialize", "TalvoProxyIpc is deinitialized"),
     LogD("deinitialize", "TalvoProxy is deinitialized")};
 
-TEST_F(CoreTest, ComponentsStartAndStopInTheirOrdersAndMayStartAgain) {
+TEST_F(CoreTest, EverythingIsRefusedUntilTheComponentsStartInTheirOrder) {
+  BundlePtr data = MakeBundle();
+  EXPECT_EQ(talvo_proxy_deinitialize(), 0);
+  EXPECT_EQ(talvo_proxy_app_action_execution(kSelf, data.get(), Recorder::Callback, &action),
+            kRefused);
+  EXPECT_EQ(talvo_proxy_app_state_request(kSelf, data.get(), Recorder::Callback, &state),
+            kRefused);
+  EXPECT_EQ(talvo_proxy_get_focused_app_id(), nullptr);
+  // A null app id is refused first, whatever the state.
+  EXPECT_EQ(talvo_proxy_app_action_execution(nullptr, nullptr, nullptr, nullptr), -22);
+  EXPECT_EQ(talvo_proxy_app_state_request(nullptr, nullptr, nullptr, nullptr), -22);
+  EXPECT_TRUE(log.sequence(
+      {LogE("deinitialize", "TalvoProxy is not initialized. Please initialize it first."),
+       LogE("executeAction", "Talvo Proxy is not initialized"),
+       LogE("requestAppState", "Talvo Proxy is not initialized"),
+       LogE("getFocusedAppId", "Talvo Proxy is not initialized")}));
+  EXPECT_EQ(log.count("Talvo Proxy is not initialized"), 3);
+  EXPECT_EQ(log.count("app_id is null"), 2);
+  EXPECT_FALSE(log.has("TalvoProxyActionRequest"));
+  EXPECT_EQ(bundle_get_count(data.get()), 0);
+  RunLoopFor(50);
+  EXPECT_EQ(action.calls() + state.calls(), 0);
+
+  log.clear();
   ASSERT_EQ(talvo_proxy_initialize(), 0);
   EXPECT_TRUE(log.sequence(kStartUp));
   const int second = log.size();
@@ -92,7 +87,7 @@ TEST_F(CoreTest, ComponentsStartAndStopInTheirOrdersAndMayStartAgain) {
   EXPECT_TRUE(log.sequence(kStartUp));
   EXPECT_TRUE(log.has("dbusOwnId : "));
   EXPECT_FALSE(log.has("already initialized"));
-  EXPECT_EQ(log.unprefixed(), 0) << log.dump();
+  EXPECT_EQ(log.countFrom(""), 0) << log.dump();
   // A new ownership request is made; its acquisition hands over a connection again.
   EXPECT_TRUE(RunLoopUntil([&] { return log.has("GDBUS connection is"); }, 10000));
 }
@@ -129,11 +124,11 @@ TEST_F(CoreTest, EachAnswerReachesTheRequestKindItAnswersUntilDeinitialization) 
   // This process's own metadata, with an SDK version that selects the message port.
   BundlePtr actionData = RequestWithMetadata("1.0.0", "cap.self", "1.0-alpha");
   BundlePtr stateData = RequestWithMetadata("1.0.0", "cap.self", "1.0-alpha");
-  ASSERT_EQ(talvo_proxy_app_action_execution(kSelf, actionData.get(), Recorder::Callback,
-                                             &action),
-            0);
-  ASSERT_EQ(talvo_proxy_app_state_request(kSelf, stateData.get(), Recorder::Callback, &state),
-            0);
+  auto execute = [&] {
+    return talvo_proxy_app_action_execution(kSelf, actionData.get(), Recorder::Callback, &action);
+  };
+  ASSERT_EQ(execute(), 0);
+  ASSERT_EQ(talvo_proxy_app_state_request(kSelf, stateData.get(), Recorder::Callback, &state), 0);
 
   deliver({{"status_code", "X"}, {"appContext", "{}"}, {"result", "r"}});
   EXPECT_EQ(action.calls(), 0);
@@ -145,14 +140,11 @@ TEST_F(CoreTest, EachAnswerReachesTheRequestKindItAnswersUntilDeinitialization) 
   ASSERT_EQ(action.calls(), 1);
   EXPECT_EQ(action.last().str("result"), "done");
 
-  ASSERT_EQ(talvo_proxy_app_action_execution(kSelf, actionData.get(), Recorder::Callback,
-                                             &action),
-            0);
+  ASSERT_EQ(execute(), 0);
   ASSERT_EQ(talvo_proxy_deinitialize(), 0);
   ASSERT_EQ(talvo_proxy_initialize(), 0);
   deliver({{"result", "late"}});
-  EXPECT_EQ(action.calls(), 1);
-  EXPECT_EQ(state.calls(), 1);
+  EXPECT_EQ(action.calls() + state.calls(), 2);
   EXPECT_TRUE(log.has("No action execute callback registered by talvo client for app:"));
 }
 

@@ -14,12 +14,10 @@ namespace testsupport {
 
 namespace {
 
-// Runs in the child before exec: the bus and the simulator end with the test process,
-// also when a timeout or a crash kills it before its fixture's teardown.
+// In the child before exec: it ends with the test process, also one killed by a timeout.
 void EndWithParent(gpointer) { prctl(PR_SET_PDEATHSIG, SIGTERM); }
 
-// Starts args and returns its pid and the first line it prints ("" when it ends first);
-// -1 and the reason in *line when it cannot be started. The child is reaped by Stop.
+// Starts args; its pid and first printed line, or -1 and the reason. Stop reaps it.
 pid_t SpawnAndReadLine(const std::vector<std::string> &args, std::string *line) {
   std::vector<char *> argv;
   for (const std::string &arg : args) argv.push_back(const_cast<char *>(arg.c_str()));

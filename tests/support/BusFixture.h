@@ -1,9 +1,6 @@
-// A private message bus for one test process, and the window-manager simulator on it.
-// BusFixture runs dbus-daemon with the private-bus configuration in a temporary directory
-// and points DBUS_SYSTEM_BUS_ADDRESS at it while it lives. Create it before the library
-// connects and keep it for the test's whole life: GLib's shared system-bus connection ends
-// the process when its bus goes away (the destructor turns that off before it stops the
-// daemon and removes the directory).
+// A private dbus-daemon for one test process, as DBUS_SYSTEM_BUS_ADDRESS while it lives,
+// and the window-manager simulator on it. Create the bus before the library connects and
+// keep it for the whole test: GLib's shared connection ends the process when its bus goes.
 #pragma once
 
 #include <gio/gio.h>
@@ -26,8 +23,7 @@ class BusFixture {
   GDBusConnection *connection() const { return connection_; }
   // The unique name owning name on this bus, or "" when it has no owner.
   std::string ownerOf(const std::string &name) const;
-  // Kills the daemon at once (SIGKILL), as a bus that goes away; the fixture's own
-  // connection sees it close.
+  // Kills the daemon at once, as a bus that goes away.
   void kill();
 
  private:
@@ -36,9 +32,8 @@ class BusFixture {
   GDBusConnection *connection_ = nullptr;  // owned
 };
 
-// The simulator process on a BusFixture's bus, answering in the given layout (12 or 13),
-// from the moment it owns "org.enlightenment.wm" until the destructor stops it. The
-// constructor and each control call (which waits for the reply) throw std::runtime_error.
+// The simulator on a bus, answering in the given layout (12 or 13) once constructed. The
+// constructor and each control call (a blocking call) throw std::runtime_error.
 class WmSim {
  public:
   explicit WmSim(const BusFixture &bus, int layout = 12);

@@ -1,6 +1,5 @@
-// A temporary runtime and apps directory for one test, pointed at by VELNA_RUNTIME_DIR
-// and VELNA_APPS_DIR while the object lives. The destructor terminates every app
-// installed through it, then removes both directories.
+// Temporary VELNA_RUNTIME_DIR and VELNA_APPS_DIR for one test; the destructor terminates
+// every app installed through it and removes both.
 #pragma once
 
 #include <set>
@@ -36,12 +35,11 @@ class TempEnv {
   void install(const Manifest &manifest);
   // Writes raw manifest text for appId (for malformed-manifest cases).
   void installRaw(const std::string &appId, const std::string &text);
-  // Installs a sample app (kPortApp: SDK "1.0-alpha", version "1.0.0"; kRpcApp: "1.1.0",
-  // "1.1.0"; kAliasApp: an alias package, "1.1.0", "2.0.0"), running exec instead of its
-  // own program when exec is given.
+  // Installs a sample app (SDK and app version: kPortApp "1.0-alpha", "1.0.0"; kRpcApp
+  // "1.1.0" twice; kAliasApp, an alias package, "1.1.0", "2.0.0"), run by exec if given.
   void installSample(const std::string &appId, const std::string &exec = "");
-  // Launches an installed app as the platform does and runs the loop until the app runs
-  // and, given a port, has registered that message port. False when not within 10 s.
+  // Launches an installed app and runs the loop until it runs (and has registered port,
+  // if given); false when not within 10 s.
   bool launch(const std::string &appId, const char *port = nullptr);
 
  private:
