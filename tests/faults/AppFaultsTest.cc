@@ -109,7 +109,6 @@ TEST_F(AppFaults, SetCbWithoutItsResultHoldsTheLoopNoLongerThanTheReadDeadline) 
   ASSERT_EQ(0, act(kRpc, "next", {{"actionId", "ok"}}));
   ASSERT_TRUE(settle(3)) << log->dump();
   EXPECT_EQ("{\"actionId\":\"ok\",\"done\":true}", calls.all.back().str("result"));
-  printf("[fault] longest loop stall during the SetCB waits: %lld ms\n", (long long)gaps.longest);
   unsetenv("VELNA_RPC_TIMEOUT_MS");
   finish();
 }

@@ -10,9 +10,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,7 +20,7 @@
 
 #include "Bundles.h"
 #include "LogCapture.h"
-#include "LoopUntil.h"
+#include "RawSocket.h"
 #include "TempEnv.h"
 extern "C" {
 #include "channel_internal.h"
@@ -36,8 +34,7 @@ constexpr const char *kClientPort = "CLIENT_PORT";
 constexpr const char *kApp = "org.test.mp.app";
 constexpr const char *kAppPort = "APP_PORT";
 
-using testsupport::BundlePtr;
-using testsupport::GetStr;
+using namespace testsupport;
 
 struct Received {
   std::string remote;  // "<null>" when the sender has no app id
@@ -87,16 +84,16 @@ class MessagePort : public ::testing::Test {
   static int Send(const char *cmd, std::vector<std::pair<std::string, std::string>> entries = {},
                   const char *app = kApp, const char *port = kAppPort) {
     entries.insert(entries.begin(), {{"cmd", cmd}, {"reply_port", kClientPort}});
-    return message_port_send_message(app, port, testsupport::MakeBundle(entries).get());
+    return message_port_send_message(app, port, MakeBundle(entries).get());
   }
   static int SendEcho(const char *app = kApp, const char *port = kAppPort) { return Send("echo", {}, app, port); }
 
   bool WaitForMessages(size_t count, int timeoutMs = 20000) {
-    return testsupport::RunLoopUntil([&] { return received_.size() >= count; }, timeoutMs);
+    return RunLoopUntil([&] { return received_.size() >= count; }, timeoutMs);
   }
 
-  testsupport::TempEnv env_;
-  testsupport::LogCapture log_;
+  TempEnv env_;
+  LogCapture log_;
   std::vector<Received> received_;
 };
 
@@ -120,7 +117,7 @@ TEST_F(MessagePort, RoundTripsKeepOrderBothWaysAndNameEachSenderAsThePlatformKno
 TEST_F(MessagePort, MessageOverTheCapIsRefusedAndSixtyFourMiBTravelsWhole) {
   LaunchApp();
   for (size_t size : {size_t(MESSAGE_PORT_MAX_MESSAGE_SIZE), size_t(64u << 20)}) {
-    BundlePtr msg = testsupport::MakeBundle({{"cmd", "echo"}, {"reply_port", kClientPort}});
+    BundlePtr msg = MakeBundle({{"cmd", "echo"}, {"reply_port", kClientPort}});
     bundle_add_byte(msg.get(), "data", Pattern(size, 7).data(), size);
     EXPECT_EQ(message_port_send_message(kApp, kAppPort, msg.get()), size == (64u << 20) ? 0 : -EMSGSIZE);
   }
@@ -130,7 +127,7 @@ TEST_F(MessagePort, MessageOverTheCapIsRefusedAndSixtyFourMiBTravelsWhole) {
   ASSERT_TRUE(WaitForMessages(1, 60000)) << log_.dump();
   EXPECT_EQ(received_[0].remote, kApp);
   EXPECT_TRUE(HasBytes(received_[0].message.get(), "data", Pattern(64u << 20, 7)));
-  testsupport::RunLoopFor(200);
+  RunLoopFor(200);
   EXPECT_EQ(received_.size(), 1u);
 }
 
@@ -212,46 +209,34 @@ TEST_F(MessagePort, KilledAppStopsCountingAtOnceAndTheNextInstanceOfItsIdIsReach
   }
 }
 
-// A raw connection to the client's own port, as a hostile local process could make.
-int RawConnect() {
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  EXPECT_EQ(velna_socket_path("mp", kClient, kClientPort, addr.sun_path, sizeof addr.sun_path), 0);
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-  return fd;
-}
-
-// Writes a frame header (magic, length) and payload to fd.
-void SendFrame(int fd, const std::string &payload, uint32_t len, uint32_t magic = VELNA_FRAME_MAGIC) {
-  std::string bytes(8, '\0');
-  for (int i = 0; i < 4; i++) bytes[i] = char(magic >> (8 * i)), bytes[4 + i] = char(len >> (8 * i));
-  bytes += payload;
-  EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
+std::string ClientSocket() {
+  char path[sizeof(sockaddr_un::sun_path)] = "";
+  EXPECT_EQ(velna_socket_path("mp", kClient, kClientPort, path, sizeof path), 0);
+  return path;
 }
 
 TEST_F(MessagePort, HostileBytesDropOnlyThatPeer) {
   unsigned char *raw = nullptr;
   size_t len = 0;
-  ASSERT_EQ(bundle_encode_raw(testsupport::MakeBundle({{"cmd", "forged"}}).get(), &raw, &len), 0);
+  ASSERT_EQ(bundle_encode_raw(MakeBundle({{"cmd", "forged"}}).get(), &raw, &len), 0);
   const std::string good(reinterpret_cast<char *>(raw), len);
   free(raw);
-  int wrongMagic = RawConnect(), overCap = RawConnect(), badBundle = RawConnect(), honest = RawConnect();
-  SendFrame(wrongMagic, good, uint32_t(len), 0x12345678u);
-  SendFrame(wrongMagic, good, uint32_t(len));  // after the drop
-  SendFrame(overCap, "", MESSAGE_PORT_MAX_MESSAGE_SIZE + 1);
-  SendFrame(badBundle, std::string("VBDL", 5), 5);
-  SendFrame(honest, good, uint32_t(len));
+  int wrongMagic = RawConnect(ClientSocket()), overCap = RawConnect(ClientSocket()),
+      badBundle = RawConnect(ClientSocket()), honest = RawConnect(ClientSocket());
+  EXPECT_TRUE(WriteAll(wrongMagic, FrameHeader(uint32_t(len), 0x12345678u) + good + Frame(good)));
+  EXPECT_TRUE(WriteAll(overCap, FrameHeader(MESSAGE_PORT_MAX_MESSAGE_SIZE + 1)));
+  EXPECT_TRUE(WriteAll(badBundle, Frame(std::string("VBDL", 5))));
+  EXPECT_TRUE(WriteAll(honest, Frame(good)));
 
   auto dropped = [](int fd) {
     char c;
     return recv(fd, &c, 1, MSG_DONTWAIT) == 0;
   };
-  ASSERT_TRUE(testsupport::RunLoopUntil(
+  ASSERT_TRUE(RunLoopUntil(
       [&] { return received_.size() == 1 && dropped(wrongMagic) && dropped(overCap) && dropped(badBundle); },
       10000))
       << received_.size() << " arrived\n" << log_.dump();
-  testsupport::RunLoopFor(100);
+  RunLoopFor(100);
 
   for (const char *why : {"bad frame magic 0x12345678", "frame of 134217729 bytes exceeds the cap",
                           "undecodable message of 5 bytes"})
@@ -307,7 +292,7 @@ TEST_F(Channel, FramesUpToTheCapArriveWholeAndInOrderAndOnePastIsRefused) {
   std::vector<unsigned char> over((16u << 20) + 1);
   EXPECT_EQ(velna_channel_send(a_, over.data(), over.size()), -EMSGSIZE);
 
-  ASSERT_TRUE(testsupport::RunLoopUntil([&] { return rec_.frames.size() == sizes.size(); }, 20000))
+  ASSERT_TRUE(RunLoopUntil([&] { return rec_.frames.size() == sizes.size(); }, 20000))
       << rec_.frames.size();
   for (size_t i = 0; i < sizes.size(); i++)
     EXPECT_TRUE(rec_.frames[i] == Pattern(sizes[i], unsigned(i))) << "frame " << i;
