@@ -60,24 +60,6 @@ TEST_F(AppFaults, PortAppKilledBeforeOrDuringItsAnswerLeavesOnlyItsBytesInTheSha
   finish();
 }
 
-TEST_F(AppFaults, RpcAppKilledBeforeAnsweringIsForgottenAndTheNextRequestReconnects) {
-  installTestApp(kRpc, "lax", true);
-  TalvoProxyIpc *ipc = TalvoProxyIpc::getInstance();
-  ASSERT_EQ(0, act(kRpc, "unanswered", {{"actionId", "a1"}, {"do", ""}}));
-  ASSERT_TRUE(RunLoopUntil([&] { return ipc->clientsMap.count(kRpc) && ipc->clientsMap[kRpc]->connected &&
-                                        ipc->appLaunchInfoMap.empty(); }, 10000)) << log->dump();
-
-  app_manager_terminate_app(kRpc.c_str());
-  ASSERT_TRUE(RunLoopUntil([&] { return ipc->clientsMap.empty(); }, 5000)) << log->dump();
-  EXPECT_TRUE(calls.all.empty());
-
-  ASSERT_EQ(0, act(kRpc, "next", {{"actionId", "a2"}, {"do", "answer"}, {"sample_result", "served"}}));
-  ASSERT_TRUE(settle(1)) << log->dump();
-  EXPECT_EQ("next", calls.all[0].label);
-  EXPECT_EQ("served", calls.all[0].str("result"));
-  finish();
-}
-
 // Three apps that never deliver the SetCB result: one silent, one that chatters on the
 // main channel meanwhile, one that exits. The deadline runs from the start of each wait,
 // so the loop is never held much longer than VELNA_RPC_TIMEOUT_MS. The two that stay get
