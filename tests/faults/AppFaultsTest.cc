@@ -154,25 +154,6 @@ TEST_F(AppFaults, FiftyRunningAppsOfBothMechanismsAnswerRequestsInFlightAtOnce) 
   finish();
 }
 
-TEST_F(AppFaults, DeinitializeWithLaunchWaitsPendingReleasesThemAndInitializeServesAgain) {
-  installTestApp(kPort, "idle", false);  // runs, never registers its port
-  env.installSample(kPortApp);
-  used.push_back(kPortApp);
-  ASSERT_EQ(0, act(kPort, "never", {{"actionId", "a"}}));
-  TalvoProxyIpc *ipc = TalvoProxyIpc::getInstance();
-  ASSERT_TRUE(RunLoopUntil([&] { return Running(kPort); }, 5000));
-  ASSERT_EQ(1u, ipc->appLaunchInfoMap.size());
-
-  EXPECT_EQ(0, talvo_proxy_deinitialize());
-  EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
-  RunLoopFor(1000);
-  ASSERT_EQ(0, talvo_proxy_initialize());
-  ASSERT_EQ(0, act(kPortApp, "next", {{"actionId", "playMusic"}}));
-  ASSERT_TRUE(settle(1)) << log->dump();
-  EXPECT_EQ("next", calls.all[0].label);
-  finish();
-}
-
 TEST_F(AppFaults, FocusQueryAnswersNullAtOnceWithoutTheWindowManagerAndWithoutABus) {
   installTestApp(kPort, "port-app", false);
   wm.reset();

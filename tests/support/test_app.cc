@@ -254,12 +254,8 @@ void OnPortRequest(int, const char *sender, const char *, bool, bundle *request,
 
 int main(int argc, char **argv) {
   mode = argc > 1 ? argv[1] : Env("TEST_APP_MODE");
-  char stdinTarget[256] = "";
-  ssize_t n = readlink("/proc/self/fd/0", stdinTarget, sizeof stdinTarget - 1);
-  if (n > 0) stdinTarget[n] = '\0';
-  printf("test-app pid=%d app=%s operation=%s marker=%s stdin=%s\n", int(getpid()),
-         Env("VELNA_APP_ID", "(none)").c_str(), Env("VELNA_APP_CONTROL_OPERATION", "(none)").c_str(),
-         Env("VELNA_TEST_MARKER", "(none)").c_str(), stdinTarget);
+  printf("test-app pid=%d app=%s operation=%s marker=%s\n", int(getpid()), Env("VELNA_APP_ID", "(none)").c_str(),
+         Env("VELNA_APP_CONTROL_OPERATION", "(none)").c_str(), Env("VELNA_TEST_MARKER", "(none)").c_str());
   fflush(stdout);
   if (mode == "exit") return 0;
 
