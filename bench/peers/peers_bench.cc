@@ -8,6 +8,9 @@
 //   stream-raw  the bytes written in 1 MiB pieces over a socketpair to a process that
 //               reads them all and acknowledges with one byte
 //   memcpy      the bytes copied once into a buffer that is kept
+// and, with the argument "scale [MAX]", the floor of talking to many processes: 1, 10, 100
+// and 500 (up to MAX) raw-poll echo processes, each request (256 B) round-robin over all
+// of them (raw-scale-rr-N) or to the first alone (raw-scale-one-N).
 // "peers-bench serve-gdbus ADDRESS" is the serving process of the last one.
 #include <fcntl.h>
 #include <gio/gio.h>
@@ -17,6 +20,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -246,11 +250,46 @@ int Big() {
   return 0;
 }
 
+int Scale(int max) {
+  RaiseDescriptorLimit();
+  constexpr size_t kSize = 256;
+  std::vector<std::unique_ptr<EchoChild>> children;
+  std::vector<char> buf(kSize, 'p');
+  auto roundTrip = [&](size_t i) {
+    int fd = children[i]->fd;
+    return WriteFull(fd, buf.data(), kSize) && PollRead(fd, buf.data(), kSize);
+  };
+  int status = 0;
+  for (int apps : {1, 10, 100, 500}) {
+    if (apps > max) break;
+    while (children.size() < size_t(apps)) {
+      children.push_back(std::make_unique<EchoChild>(kSize, false));
+      if (children.back()->fd < 0) {
+        fprintf(stderr, "raw-scale: cannot start %d echo processes\n", apps);
+        status = 1;
+        break;
+      }
+    }
+    if (status) break;
+    const std::string extra = Kv("apps", apps);
+    size_t next = 0;
+    Measure("raw-scale-rr-" + std::to_string(apps), 200, 3000,
+            [&] { return roundTrip(next++ % size_t(apps)); }, extra);
+    Measure("raw-scale-one-" + std::to_string(apps), 200, 3000, [&] { return roundTrip(0); },
+            extra);
+  }
+  // Newest first: a child holds copies of the client ends made before it, so an older
+  // child sees its end close only once every younger one is gone.
+  while (!children.empty()) children.pop_back();
+  return status;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
   if (argc > 2 && strcmp(argv[1], "serve-gdbus") == 0) return ServeGdbus(argv[2]);
   if (argc > 1 && strcmp(argv[1], "big") == 0) return Big();
+  if (argc > 1 && strcmp(argv[1], "scale") == 0) return Scale(argc > 2 ? atoi(argv[2]) : 500);
   TempDir dir;
   PrivateBus bus(dir.path());
   for (size_t n : {size_t(256), size_t(16384)}) {
