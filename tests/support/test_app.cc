@@ -2,8 +2,7 @@
 // serves by its mode (first argument, else TEST_APP_MODE):
 //   exit   exit at once, before the loop
 //   echo   rpc-port "echo"; a parcel's int32 command: 1 string, bundle -> main: 0, string,
-//          bundle; 2 bundle -> callback: 1, bundle; 3 nothing; 4 SIGKILL; 6 -> main: 0,
-//          sender, instance
+//          bundle; 2 bundle -> callback: 1, bundle; 3 nothing; 4 SIGKILL
 //   lax, callback-first, exit-on-register, setcb-silent, setcb-stray
 //          interface "message" by hand, keeping every delegate. SetCB and UnsetCB answer
 //          MESSAGE_TEST_APP_REGISTER_RESULT (0); at SetCB "callback-first" first invokes
@@ -100,7 +99,7 @@ void Write(rpc_port_h port, const std::vector<int> &ints, const std::vector<std:
 
 rpc_port_stub_h stub;
 
-int OnEcho(const char *sender, const char *instance, rpc_port_h port, void *) {
+int OnEcho(const char *, const char *instance, rpc_port_h port, void *) {
   rpc_port_parcel_h in = nullptr;
   if (rpc_port_parcel_create_from_port(&in, port) != 0) return -1;
   int cmd = -1;
@@ -114,7 +113,6 @@ int OnEcho(const char *sender, const char *instance, rpc_port_h port, void *) {
   if (cmd == 2 && b && rpc_port_stub_get_port(stub, RPC_PORT_PORT_CALLBACK, instance, &callback) == 0)
     Write(callback, {1}, {}, b);
   if (cmd == 4) raise(SIGKILL);
-  if (cmd == 6) Write(port, {0}, {sender, instance});
   free(text);
   if (b) bundle_free(b);
   rpc_port_parcel_destroy(in);
