@@ -1,6 +1,5 @@
 // Apps that die, stall, flood or lie, and a platform that goes away, against one client.
 #include <glib.h>
-#include <time.h>
 
 #include "FaultFixture.h"
 
@@ -10,11 +9,7 @@ namespace {
 const std::string kPort = "org.velna.test.fault.port";
 const std::string kRpc = "org.velna.test.fault.rpc";
 
-int64_t NowMs() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
+int64_t NowMs() { return g_get_monotonic_time() / 1000; }
 
 // The longest stretch in which the loop dispatched nothing, sampled every 50 ms.
 struct LoopGaps {

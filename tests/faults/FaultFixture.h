@@ -6,12 +6,12 @@
 
 #include <app_info.h>
 #include <app_manager.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <talvo_proxy.h>
 #include <velna_main_loop.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,11 +31,7 @@ constexpr char kClient[] = "org.velna.test.faultclient";
 constexpr char kMetaKey[] = "http://velna.org/velna/metadata/talvo/";
 
 inline int OpenFds() {
-  int n = 0;
-  DIR *dir = opendir("/proc/self/fd");
-  while (dir && readdir(dir)) ++n;
-  if (dir) closedir(dir);
-  return n - 3;  // ".", ".." and the directory's own descriptor
+  return int(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
 inline bool Running(const std::string &appId) {
