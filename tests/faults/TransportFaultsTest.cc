@@ -24,41 +24,6 @@ std::string ClientSocket(const TempEnv &env) {
   return found;
 }
 
-// A peer in this process. It connects to path, with the effective ids of uid when given
-// (the listener sees the credentials of connect time), and writes its bytes as the socket
-// takes them, between the turns of the loop that reads them.
-class Peer {
- public:
-  Peer(const std::string &path, std::string bytes, uid_t uid = 0) : bytes_(std::move(bytes)) {
-    if (uid && (setegid(uid) != 0 || seteuid(uid) != 0)) return;
-    fd_ = RawConnect(path);
-    if (uid && (seteuid(0) != 0 || setegid(0) != 0)) abort();
-  }
-  ~Peer() { close(fd_); }
-  bool connected() const { return fd_ >= 0; }
-  // Writes what the socket takes now; whether all has been written.
-  bool feed() {
-    while (connected() && at_ < bytes_.size()) {
-      ssize_t n = send(fd_, bytes_.data() + at_, bytes_.size() - at_, MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (n <= 0) break;
-      at_ += size_t(n);
-    }
-    return at_ == bytes_.size();
-  }
-  // Whether the other end closed the connection; feeds on until it does.
-  bool dropped() {
-    feed();
-    char c;
-    ssize_t r = connected() ? recv(fd_, &c, 1, MSG_DONTWAIT) : -1;
-    return r == 0 || (r < 0 && connected() && errno != EAGAIN);
-  }
-
- private:
-  int fd_ = -1;
-  std::string bytes_;
-  size_t at_ = 0;
-};
-
 long VmSizeKiB() {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);)

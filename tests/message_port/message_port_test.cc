@@ -216,19 +216,11 @@ TEST_F(MessagePort, HostileBytesDropOnlyThatPeer) {
   ASSERT_EQ(bundle_encode_raw(MakeBundle({{"cmd", "forged"}}).get(), &raw, &len), 0);
   const std::string good(reinterpret_cast<char *>(raw), len);
   free(raw);
-  int wrongMagic = RawConnect(ClientSocket()), overCap = RawConnect(ClientSocket()),
-      badBundle = RawConnect(ClientSocket()), honest = RawConnect(ClientSocket());
-  EXPECT_TRUE(WriteAll(wrongMagic, FrameHeader(uint32_t(len), 0x12345678u) + good + Frame(good)));
-  EXPECT_TRUE(WriteAll(overCap, FrameHeader(MESSAGE_PORT_MAX_MESSAGE_SIZE + 1)));
-  EXPECT_TRUE(WriteAll(badBundle, Frame(std::string("VBDL", 5))));
-  EXPECT_TRUE(WriteAll(honest, Frame(good)));
-
-  auto dropped = [](int fd) {
-    char c;
-    return recv(fd, &c, 1, MSG_DONTWAIT) == 0;
-  };
+  Peer wrongMagic(ClientSocket(), FrameHeader(uint32_t(len), 0x12345678u) + good + Frame(good)),
+      overCap(ClientSocket(), FrameHeader(MESSAGE_PORT_MAX_MESSAGE_SIZE + 1)),
+      badBundle(ClientSocket(), Frame(std::string("VBDL", 5))), honest(ClientSocket(), Frame(good));
   ASSERT_TRUE(RunLoopUntil(
-      [&] { return received_.size() == 1 && dropped(wrongMagic) && dropped(overCap) && dropped(badBundle); },
+      [&] { return received_.size() == 1 && wrongMagic.dropped() && overCap.dropped() && badBundle.dropped(); },
       10000))
       << received_.size() << " arrived\n" << log_.dump();
   RunLoopFor(100);
@@ -239,8 +231,7 @@ TEST_F(MessagePort, HostileBytesDropOnlyThatPeer) {
   ASSERT_EQ(received_.size(), 1u);
   EXPECT_EQ(GetStr(received_[0].message.get(), "cmd"), "forged");
   EXPECT_EQ(received_[0].remote, kClient);  // the raw socket's owner: this very process
-  EXPECT_FALSE(dropped(honest));
-  for (int fd : {wrongMagic, overCap, badBundle, honest}) close(fd);
+  EXPECT_FALSE(honest.dropped());
 }
 
 // Frames that arrived on a channel, and how often it reported its close.
