@@ -14,8 +14,7 @@ seconds=${1:-600}
 shift || true
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-  targets=(bundle_decode parcel_read channel_frame message_callback chunk_assembly
-           state_envelope manifest app_id)
+  targets=(bundle_decode channel_frame message_callback chunk_assembly state_envelope manifest)
 fi
 build=build-fuzz-clang
 

@@ -1,16 +1,11 @@
 // A companion app on the SDK's C API that tries the answer rules on every request and
 // reports what the SDK said, so that a client test sees both the answer and the refusals.
-//
-// Action requests (by "actionId"):
-//   "hold"   keep the answer; when the client disconnects, send it and append the result
-//            of that send to the file named by SDK_TEST_REPORT
-//   any other: answer "done:<actionId>", or "size" bytes of 'x' when the request has
-//            "size", after "delay_ms" milliseconds when it has that. The answer carries
-//            "wrong_kind" (send_context on an action), "reserved" (add_str of a protocol
-//            key) and, from the second request on, "stale" (a send on the previous
-//            request's ended answer).
-// Context requests: refusals "not_object" and "no_concepts" as extras, then a context
-// with "concepts" (padded to "size" bytes when given).
+// Action "hold": keep the answer; when the client disconnects, send it and append the
+// result to the file SDK_TEST_REPORT names. Any other action: "done:<actionId>" (or "size"
+// bytes of 'x'), after "delay_ms" when given, carrying the results "wrong_kind" (a context
+// sent on an action), "reserved" (a protocol key added) and, from the second request on,
+// "stale" (a send on the previous request's ended answer). Context requests: the refusals
+// "not_object" and "no_concepts", then a context with "concepts" (padded to "size").
 #include <glib.h>
 #include <talvo_companion.h>
 #include <velna_main_loop.h>

@@ -1,6 +1,5 @@
 // Apps that die, stall, flood or lie, and a platform that goes away, against one client.
 #include <glib.h>
-#include <time.h>
 
 #include "FaultFixture.h"
 
@@ -10,11 +9,7 @@ namespace {
 const std::string kPort = "org.velna.test.fault.port";
 const std::string kRpc = "org.velna.test.fault.rpc";
 
-int64_t NowMs() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
+int64_t NowMs() { return g_get_monotonic_time() / 1000; }
 
 // The longest stretch in which the loop dispatched nothing, sampled every 50 ms.
 struct LoopGaps {
@@ -60,24 +55,6 @@ TEST_F(AppFaults, PortAppKilledBeforeOrDuringItsAnswerLeavesOnlyItsBytesInTheSha
   finish();
 }
 
-TEST_F(AppFaults, RpcAppKilledBeforeAnsweringIsForgottenAndTheNextRequestReconnects) {
-  installTestApp(kRpc, "lax", true);
-  TalvoProxyIpc *ipc = TalvoProxyIpc::getInstance();
-  ASSERT_EQ(0, act(kRpc, "unanswered", {{"actionId", "a1"}, {"do", ""}}));
-  ASSERT_TRUE(RunLoopUntil([&] { return ipc->clientsMap.count(kRpc) && ipc->clientsMap[kRpc]->connected &&
-                                        ipc->appLaunchInfoMap.empty(); }, 10000)) << log->dump();
-
-  app_manager_terminate_app(kRpc.c_str());
-  ASSERT_TRUE(RunLoopUntil([&] { return ipc->clientsMap.empty(); }, 5000)) << log->dump();
-  EXPECT_TRUE(calls.all.empty());
-
-  ASSERT_EQ(0, act(kRpc, "next", {{"actionId", "a2"}, {"do", "answer"}, {"sample_result", "served"}}));
-  ASSERT_TRUE(settle(1)) << log->dump();
-  EXPECT_EQ("next", calls.all[0].label);
-  EXPECT_EQ("served", calls.all[0].str("result"));
-  finish();
-}
-
 // Three apps that never deliver the SetCB result: one silent, one that chatters on the
 // main channel meanwhile, one that exits. The deadline runs from the start of each wait,
 // so the loop is never held much longer than VELNA_RPC_TIMEOUT_MS. The two that stay get
@@ -109,7 +86,6 @@ TEST_F(AppFaults, SetCbWithoutItsResultHoldsTheLoopNoLongerThanTheReadDeadline) 
   ASSERT_EQ(0, act(kRpc, "next", {{"actionId", "ok"}}));
   ASSERT_TRUE(settle(3)) << log->dump();
   EXPECT_EQ("{\"actionId\":\"ok\",\"done\":true}", calls.all.back().str("result"));
-  printf("[fault] longest loop stall during the SetCB waits: %lld ms\n", (long long)gaps.longest);
   unsetenv("VELNA_RPC_TIMEOUT_MS");
   finish();
 }
@@ -170,25 +146,6 @@ TEST_F(AppFaults, FiftyRunningAppsOfBothMechanismsAnswerRequestsInFlightAtOnce) 
   ASSERT_TRUE(settle(apps.size(), 30000)) << calls.all.size() << " answers";
   for (const std::string &app : apps) ASSERT_EQ(1, calls.of(app)) << app;
   for (const Answer &a : calls.all) EXPECT_EQ(a.label, a.appId);
-  finish();
-}
-
-TEST_F(AppFaults, DeinitializeWithLaunchWaitsPendingReleasesThemAndInitializeServesAgain) {
-  installTestApp(kPort, "idle", false);  // runs, never registers its port
-  env.installSample(kPortApp);
-  used.push_back(kPortApp);
-  ASSERT_EQ(0, act(kPort, "never", {{"actionId", "a"}}));
-  TalvoProxyIpc *ipc = TalvoProxyIpc::getInstance();
-  ASSERT_TRUE(RunLoopUntil([&] { return Running(kPort); }, 5000));
-  ASSERT_EQ(1u, ipc->appLaunchInfoMap.size());
-
-  EXPECT_EQ(0, talvo_proxy_deinitialize());
-  EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
-  RunLoopFor(1000);
-  ASSERT_EQ(0, talvo_proxy_initialize());
-  ASSERT_EQ(0, act(kPortApp, "next", {{"actionId", "playMusic"}}));
-  ASSERT_TRUE(settle(1)) << log->dump();
-  EXPECT_EQ("next", calls.all[0].label);
   finish();
 }
 

@@ -10,9 +10,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,7 +20,7 @@
 
 #include "Bundles.h"
 #include "LogCapture.h"
-#include "LoopUntil.h"
+#include "RawSocket.h"
 #include "TempEnv.h"
 extern "C" {
 #include "channel_internal.h"
@@ -36,8 +34,7 @@ constexpr const char *kClientPort = "CLIENT_PORT";
 constexpr const char *kApp = "org.test.mp.app";
 constexpr const char *kAppPort = "APP_PORT";
 
-using testsupport::BundlePtr;
-using testsupport::GetStr;
+using namespace testsupport;
 
 struct Received {
   std::string remote;  // "<null>" when the sender has no app id
@@ -87,16 +84,16 @@ class MessagePort : public ::testing::Test {
   static int Send(const char *cmd, std::vector<std::pair<std::string, std::string>> entries = {},
                   const char *app = kApp, const char *port = kAppPort) {
     entries.insert(entries.begin(), {{"cmd", cmd}, {"reply_port", kClientPort}});
-    return message_port_send_message(app, port, testsupport::MakeBundle(entries).get());
+    return message_port_send_message(app, port, MakeBundle(entries).get());
   }
   static int SendEcho(const char *app = kApp, const char *port = kAppPort) { return Send("echo", {}, app, port); }
 
   bool WaitForMessages(size_t count, int timeoutMs = 20000) {
-    return testsupport::RunLoopUntil([&] { return received_.size() >= count; }, timeoutMs);
+    return RunLoopUntil([&] { return received_.size() >= count; }, timeoutMs);
   }
 
-  testsupport::TempEnv env_;
-  testsupport::LogCapture log_;
+  TempEnv env_;
+  LogCapture log_;
   std::vector<Received> received_;
 };
 
@@ -117,21 +114,25 @@ TEST_F(MessagePort, RoundTripsKeepOrderBothWaysAndNameEachSenderAsThePlatformKno
   }
 }
 
-TEST_F(MessagePort, MessageOverTheCapIsRefusedAndSixtyFourMiBTravelsWhole) {
+// The app sends 64 MiB while it is sent 64 MiB: each side queues what the other cannot
+// take at once, so neither blocks on the other.
+TEST_F(MessagePort, MessageOverTheCapIsRefusedAndSixtyFourMiBTravelBothWaysAtOnce) {
   LaunchApp();
+  ASSERT_EQ(Send("send", {{"count", "1"}, {"size", std::to_string(64u << 20)}}), 0);
   for (size_t size : {size_t(MESSAGE_PORT_MAX_MESSAGE_SIZE), size_t(64u << 20)}) {
-    BundlePtr msg = testsupport::MakeBundle({{"cmd", "echo"}, {"reply_port", kClientPort}});
+    BundlePtr msg = MakeBundle({{"cmd", "echo"}, {"reply_port", kClientPort}});
     bundle_add_byte(msg.get(), "data", Pattern(size, 7).data(), size);
     EXPECT_EQ(message_port_send_message(kApp, kAppPort, msg.get()), size == (64u << 20) ? 0 : -EMSGSIZE);
   }
   EXPECT_TRUE(log_.has("over the limit of 134217728 bytes")) << log_.dump();
 
-  // Nothing of the refused one went out: the first answer is the 64 MiB echo.
-  ASSERT_TRUE(WaitForMessages(1, 60000)) << log_.dump();
-  EXPECT_EQ(received_[0].remote, kApp);
-  EXPECT_TRUE(HasBytes(received_[0].message.get(), "data", Pattern(64u << 20, 7)));
-  testsupport::RunLoopFor(200);
-  EXPECT_EQ(received_.size(), 1u);
+  // Nothing of the refused one went out: the app's own message, then the 64 MiB echo.
+  ASSERT_TRUE(WaitForMessages(2, 60000)) << log_.dump();
+  EXPECT_TRUE(HasBytes(received_[0].message.get(), "data", Pattern(64u << 20, 0)));
+  EXPECT_EQ(received_[1].remote, kApp);
+  EXPECT_TRUE(HasBytes(received_[1].message.get(), "data", Pattern(64u << 20, 7)));
+  RunLoopFor(200);
+  EXPECT_EQ(received_.size(), 2u);
 }
 
 TEST_F(MessagePort, SenderClaimingAnotherLiveAppsIdIsNotBelieved) {
@@ -157,7 +158,7 @@ TEST_F(MessagePort, SenderClaimingAnotherLiveAppsIdIsNotBelieved) {
   EXPECT_EQ(received_[1].remote, kApp);
 }
 
-TEST_F(MessagePort, MissingAppOrPortIsNoEntryAndOnlyAProcessWithAFreeValidIdOwnsAPort) {
+TEST_F(MessagePort, MissingAppOrPortIsNoEntryOnlyAFreeValidIdOwnsAPortAndAnEndedAppStopsCountingAtOnce) {
   EXPECT_FALSE(PortExists(kApp, kAppPort));
   bool exist = false;
   EXPECT_EQ(message_port_check_remote_port("", kAppPort, &exist), -EINVAL);
@@ -181,77 +182,48 @@ TEST_F(MessagePort, MissingAppOrPortIsNoEntryAndOnlyAProcessWithAFreeValidIdOwns
   setenv("VELNA_APP_ID", kApp, 1);  // held by the app's process
   EXPECT_EQ(message_port_register_local_port("MINE", cb, nullptr), -EEXIST);
 
-  // Ended: gone at once, before the loop has seen the connection close.
-  ASSERT_EQ(app_manager_terminate_app(kApp), 0);
-  EXPECT_FALSE(PortExists(kApp, kAppPort));
-  EXPECT_EQ(SendEcho(), -ENOENT);
-}
-
-TEST_F(MessagePort, KilledAppStopsCountingAtOnceAndTheNextInstanceOfItsIdIsReached) {
-  LaunchApp();
-  ASSERT_TRUE(PortExists(kApp, kAppPort));
-  ASSERT_EQ(SendEcho(), 0);  // the connection that later checks answer from
-  ASSERT_TRUE(WaitForMessages(1)) << log_.dump();
-
-  for (int instance = 0; instance < 2; instance++) {
+  // Ended by the platform, then killed twice: gone at once, before the loop has seen the
+  // connection that the echo above opened close; the next instance of the id is reached.
+  for (bool killed : {false, true, true}) {
     pid_t pid = 0;
     ASSERT_EQ(running_registry_get_pid(kApp, &pid), 0);
     int exited = int(syscall(SYS_pidfd_open, pid, 0));
     ASSERT_GE(exited, 0);
-    ASSERT_EQ(kill(pid, SIGKILL), 0);
-    pollfd pfd{exited, POLLIN, 0};
-    ASSERT_EQ(poll(&pfd, 1, 5000), 1);
+    ASSERT_EQ(killed ? kill(pid, SIGKILL) : app_manager_terminate_app(kApp), 0);
+    pollfd pfd{exited, POLLIN, 0};  // a kill is delivered later: wait for the exit
+    EXPECT_TRUE(!killed || poll(&pfd, 1, 5000) == 1);
     close(exited);
-    EXPECT_FALSE(PortExists(kApp, kAppPort)) << "instance " << instance;  // the loop never ran
+    EXPECT_FALSE(PortExists(kApp, kAppPort)) << killed;
+    EXPECT_EQ(SendEcho(), -ENOENT);
 
+    size_t before = received_.size();
     LaunchApp();
-    EXPECT_TRUE(PortExists(kApp, kAppPort));
     ASSERT_EQ(SendEcho(), 0);
-    ASSERT_TRUE(WaitForMessages(size_t(2 + instance))) << log_.dump();
+    ASSERT_TRUE(WaitForMessages(before + 1)) << log_.dump();
     EXPECT_EQ(received_.back().remote, kApp);
   }
 }
 
-// A raw connection to the client's own port, as a hostile local process could make.
-int RawConnect() {
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  EXPECT_EQ(velna_socket_path("mp", kClient, kClientPort, addr.sun_path, sizeof addr.sun_path), 0);
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-  return fd;
-}
-
-// Writes a frame header (magic, length) and payload to fd.
-void SendFrame(int fd, const std::string &payload, uint32_t len, uint32_t magic = VELNA_FRAME_MAGIC) {
-  std::string bytes(8, '\0');
-  for (int i = 0; i < 4; i++) bytes[i] = char(magic >> (8 * i)), bytes[4 + i] = char(len >> (8 * i));
-  bytes += payload;
-  EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
+std::string ClientSocket() {
+  char path[sizeof(sockaddr_un::sun_path)] = "";
+  EXPECT_EQ(velna_socket_path("mp", kClient, kClientPort, path, sizeof path), 0);
+  return path;
 }
 
 TEST_F(MessagePort, HostileBytesDropOnlyThatPeer) {
   unsigned char *raw = nullptr;
   size_t len = 0;
-  ASSERT_EQ(bundle_encode_raw(testsupport::MakeBundle({{"cmd", "forged"}}).get(), &raw, &len), 0);
+  ASSERT_EQ(bundle_encode_raw(MakeBundle({{"cmd", "forged"}}).get(), &raw, &len), 0);
   const std::string good(reinterpret_cast<char *>(raw), len);
   free(raw);
-  int wrongMagic = RawConnect(), overCap = RawConnect(), badBundle = RawConnect(), honest = RawConnect();
-  SendFrame(wrongMagic, good, uint32_t(len), 0x12345678u);
-  SendFrame(wrongMagic, good, uint32_t(len));  // after the drop
-  SendFrame(overCap, "", MESSAGE_PORT_MAX_MESSAGE_SIZE + 1);
-  SendFrame(badBundle, std::string("VBDL", 5), 5);
-  SendFrame(honest, good, uint32_t(len));
-
-  auto dropped = [](int fd) {
-    char c;
-    return recv(fd, &c, 1, MSG_DONTWAIT) == 0;
-  };
-  ASSERT_TRUE(testsupport::RunLoopUntil(
-      [&] { return received_.size() == 1 && dropped(wrongMagic) && dropped(overCap) && dropped(badBundle); },
+  Peer wrongMagic(ClientSocket(), FrameHeader(uint32_t(len), 0x12345678u) + good + Frame(good)),
+      overCap(ClientSocket(), FrameHeader(MESSAGE_PORT_MAX_MESSAGE_SIZE + 1)),
+      badBundle(ClientSocket(), Frame(std::string("VBDL", 5))), honest(ClientSocket(), Frame(good));
+  ASSERT_TRUE(RunLoopUntil(
+      [&] { return received_.size() == 1 && wrongMagic.dropped() && overCap.dropped() && badBundle.dropped(); },
       10000))
       << received_.size() << " arrived\n" << log_.dump();
-  testsupport::RunLoopFor(100);
+  RunLoopFor(100);
 
   for (const char *why : {"bad frame magic 0x12345678", "frame of 134217729 bytes exceeds the cap",
                           "undecodable message of 5 bytes"})
@@ -259,8 +231,7 @@ TEST_F(MessagePort, HostileBytesDropOnlyThatPeer) {
   ASSERT_EQ(received_.size(), 1u);
   EXPECT_EQ(GetStr(received_[0].message.get(), "cmd"), "forged");
   EXPECT_EQ(received_[0].remote, kClient);  // the raw socket's owner: this very process
-  EXPECT_FALSE(dropped(honest));
-  for (int fd : {wrongMagic, overCap, badBundle, honest}) close(fd);
+  EXPECT_FALSE(honest.dropped());
 }
 
 // Frames that arrived on a channel, and how often it reported its close.
@@ -307,7 +278,7 @@ TEST_F(Channel, FramesUpToTheCapArriveWholeAndInOrderAndOnePastIsRefused) {
   std::vector<unsigned char> over((16u << 20) + 1);
   EXPECT_EQ(velna_channel_send(a_, over.data(), over.size()), -EMSGSIZE);
 
-  ASSERT_TRUE(testsupport::RunLoopUntil([&] { return rec_.frames.size() == sizes.size(); }, 20000))
+  ASSERT_TRUE(RunLoopUntil([&] { return rec_.frames.size() == sizes.size(); }, 20000))
       << rec_.frames.size();
   for (size_t i = 0; i < sizes.size(); i++)
     EXPECT_TRUE(rec_.frames[i] == Pattern(sizes[i], unsigned(i))) << "frame " << i;

@@ -1,11 +1,15 @@
 // Installed app manifests: app information, the package manager, and the handling of
 // malformed files and invalid ids.
 #include <app_info.h>
+#include <app_manager.h>
 #include <gtest/gtest.h>
 #include <package_manager.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
+
+#include <cstring>
 
 #include <fstream>
 #include <string>
@@ -14,6 +18,9 @@
 
 #include "LogCapture.h"
 #include "TempEnv.h"
+extern "C" {
+#include "runtime_internal.h"
+}
 
 namespace {
 
@@ -91,16 +98,32 @@ TEST_F(Manifests, MalformedOrIncompleteManifestIsAnErrorForThatAppOnly) {
   EXPECT_TRUE(capture.has("org.example.nopackage.app is malformed: no Package")) << capture.dump();
 }
 
-TEST_F(Manifests, UnknownAndInvalidAppIdsAreRefused) {
-  EXPECT_EQ("<-2>|<-2>|<-2>", Fields("org.example.absent"));
-
+// Every interface that makes a name or a path from an id refuses the same ids; a valid
+// one, however long, names a socket directly under <runtime>/s and a lock file in
+// <runtime>/lock.
+TEST_F(Manifests, UnknownAndInvalidAppIdsAreRefusedAndValidOnesStayInsideTheRuntimeDir) {
   // A manifest outside the apps directory stays out of reach.
   std::ofstream(env_.root() + "/x.app") << "[Application]\nPackage=x\n";
+  char path[sizeof(sockaddr_un::sun_path)];
+  bool running = true;
   const std::string tooLong(256, 'a');
-  for (const char *id : {"../x", "a/b", "", ".", "..", "a b", "caf\xc3\xa9", tooLong.c_str()})
+  for (const char *id : {"../x", "a/b", "", ".", "..", "a b", "a:b", "caf\xc3\xa9", tooLong.c_str()}) {
     EXPECT_EQ("<-22>|<-22>|<-22>", Fields(id)) << id;
+    EXPECT_EQ(-22, velna_socket_path("rpc", id, "port", path, sizeof path)) << id;
+    EXPECT_EQ(-22, app_manager_is_running(id, &running)) << id;
+    EXPECT_EQ(-22, running_registry_lock(id)) << id;
+  }
   // The longest id whose manifest name a file system takes ("<id>.app", 255 bytes).
-  const std::string longest(251, 'a');
+  const std::string longest(251, 'a'), sockets = env_.runtimeDir() + "/s/";
+  for (const std::string &id : {std::string("..a"), std::string("Az09._-"), longest}) {
+    EXPECT_EQ("<-2>|<-2>|<-2>", Fields(id.c_str())) << id;
+    ASSERT_EQ(0, velna_socket_path("rpc", id.c_str(), "port", path, sizeof path)) << id;
+    EXPECT_TRUE(std::string(path).rfind(sockets, 0) == 0 && !strchr(path + sockets.size(), '/')) << path;
+    int lock = running_registry_lock(id.c_str());
+    EXPECT_GE(lock, 0) << id;
+    EXPECT_EQ(0, access((env_.runtimeDir() + "/lock/" + id).c_str(), F_OK)) << id;
+    running_registry_unlock(lock);
+  }
   env_.install({longest, "p", "", "", "", {}});
   EXPECT_EQ("p|p|<-2>", Fields(longest.c_str()));
 }

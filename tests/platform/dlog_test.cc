@@ -41,25 +41,55 @@ class Dlog : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Dlog, PrintsOneFormattedLinePerCallFromTheLevelUpWhileCaptureSeesEveryLine) {
-  testsupport::LogCapture capture;
+TEST_F(Dlog, LinesFollowTheLevelAndFileOfTheEnvironmentLongOnesAreCutAndCaptureSeesAll) {
+  EXPECT_EQ(0, dlog_print(DLOG_DEBUG, "T", "dropped %s", "unformatted"));
+  testsupport::LogCapture capture;  // sees every line, also those below the level
   dlog_print(DLOG_DEBUG, "T", "hidden by default");
-  EXPECT_EQ(8, dlog_print(DLOG_INFO, "TAG", "hello %d", 42));
+  EXPECT_EQ(8, dlog_print(DLOG_INFO, "TAG", "hello %d", 42));  // level, file and pid now known
   dlog_print(DLOG_ERROR, "TALVO-PROXY", "%s %d %s(): boom", "v1.0-beta.2.3 :  ", 7, "fn");
+  setenv("VELNA_LOG_LEVEL", "debug", 1);  // set where it was unset
+  dlog_print(DLOG_DEBUG, "T", "debug now");
+  setenv("VELNA_LOG_OTHER", "x", 1);  // an unrelated variable moves the environment
+  unsetenv("VELNA_LOG_LEVEL");
+  dlog_print(DLOG_DEBUG, "T", "hidden again");
+  setenv("VELNA_LOG_LEVEL", "error", 1);
+  unsetenv("VELNA_LOG_OTHER");
+  dlog_print(DLOG_WARN, "T", "hidden by error");
   setenv("VELNA_LOG_LEVEL", "warn", 1);
-  dlog_print(DLOG_INFO, "T", "info");
+  dlog_print(DLOG_INFO, "T", "hidden by warn");
   dlog_print(DLOG_WARN, "T", "warn");
   setenv("VELNA_LOG_LEVEL", "silent", 1);
   dlog_print(DLOG_FATAL, "T", "fatal");
   setenv("VELNA_LOG_LEVEL", "verbose", 1);
   dlog_print(DLOG_VERBOSE, "T", "verbose");
+  const std::string longer(3000, 'm'), longest(70000, 'n');
+  dlog_print(DLOG_INFO, "T", "%s", longer.c_str());
+  dlog_print(DLOG_INFO, "T", "%s", longest.c_str());
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    dlog_print(DLOG_INFO, "T", "from the child");
+    _exit(0);
+  }
+  ASSERT_EQ(child, waitpid(child, nullptr, 0));
+  std::string other = logFile_ + ".other";
+  setenv("VELNA_LOG_FILE", other.c_str(), 1);
+  dlog_print(DLOG_INFO, "T", "elsewhere");
 
+  const std::string prefix = Prefix('I', "T");
+  // Cut so that the line, its mark and newline included, stays within 64 KiB.
   std::vector<std::string> expected = {Prefix('I', "TAG") + "hello 42",
                                        Prefix('E', "TALVO-PROXY") + "v1.0-beta.2.3 :   7 fn(): boom",
-                                       Prefix('W', "T") + "warn", Prefix('V', "T") + "verbose"};
+                                       Prefix('D', "T") + "debug now", Prefix('W', "T") + "warn",
+                                       Prefix('V', "T") + "verbose", prefix + longer,
+                                       prefix + std::string(65536 - 8 - prefix.size(), 'n') + " [cut]",
+                                       Prefix('I', "T", child) + "from the child"};
   EXPECT_EQ(expected, Lines());
-  ASSERT_EQ(7u, capture.lines().size()) << capture.dump();
-  for (size_t i : {0, 5}) {
+  std::ifstream in(other);
+  std::string line;
+  EXPECT_TRUE(std::getline(in, line) && line == prefix + "elsewhere") << line;
+  ASSERT_EQ(13u, capture.lines().size()) << capture.dump();
+  for (size_t i : {0, 8}) {
     EXPECT_EQ("T", capture.lines()[i].tag);
     EXPECT_EQ(i == 0 ? DLOG_DEBUG : DLOG_FATAL, capture.lines()[i].prio);
     EXPECT_EQ(i == 0 ? "hidden by default" : "fatal", capture.lines()[i].message);
@@ -90,48 +120,4 @@ TEST_F(Dlog, ConcurrentWritersFromSeveralProcessesNeverInterleave) {
     ASSERT_TRUE(w >= 0 && w < kWriters) << line.substr(0, 80);
     ASSERT_EQ(Prefix('I', "W", children[w]) + std::to_string(next[w]++) + " " + std::string(3000, char('a' + w)), line);
   }
-}
-
-TEST_F(Dlog, LevelAndFileFollowTheEnvironmentAndLongLinesStayWhole) {
-  dlog_print(DLOG_INFO, "T", "first");  // the level, the file and the pid are now known
-  EXPECT_EQ(0, dlog_print(DLOG_DEBUG, "T", "dropped %s", "unformatted"));
-  setenv("VELNA_LOG_LEVEL", "debug", 1);  // set where it was unset
-  dlog_print(DLOG_DEBUG, "T", "debug now");
-  setenv("VELNA_LOG_OTHER", "x", 1);  // an unrelated variable moves the environment
-  unsetenv("VELNA_LOG_LEVEL");
-  dlog_print(DLOG_DEBUG, "T", "hidden again");
-  setenv("VELNA_LOG_LEVEL", "error", 1);
-  unsetenv("VELNA_LOG_OTHER");
-  dlog_print(DLOG_WARN, "T", "hidden by error");
-
-  const std::string longer(3000, 'm'), longest(70000, 'n');
-  setenv("VELNA_LOG_LEVEL", "info", 1);
-  dlog_print(DLOG_INFO, "T", "%s", longer.c_str());
-  dlog_print(DLOG_INFO, "T", "%s", longest.c_str());
-
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    dlog_print(DLOG_INFO, "T", "from the child");
-    _exit(0);
-  }
-  ASSERT_EQ(child, waitpid(child, nullptr, 0));
-
-  std::string other = logFile_ + ".other";
-  setenv("VELNA_LOG_FILE", other.c_str(), 1);
-  dlog_print(DLOG_INFO, "T", "elsewhere");
-
-  std::vector<std::string> lines = Lines();
-  ASSERT_EQ(5u, lines.size());
-  EXPECT_EQ(Prefix('I', "T") + "first", lines[0]);
-  EXPECT_EQ(Prefix('D', "T") + "debug now", lines[1]);
-  EXPECT_EQ(Prefix('I', "T") + longer, lines[2]);
-  // Cut so that the line, its mark and newline included, stays within 64 KiB.
-  const std::string prefix = Prefix('I', "T");
-  EXPECT_EQ(prefix + std::string(65536 - 8 - prefix.size(), 'n') + " [cut]", lines[3]);
-  EXPECT_EQ(Prefix('I', "T", child) + "from the child", lines[4]);
-  std::ifstream in(other);
-  std::string line;
-  ASSERT_TRUE(std::getline(in, line));
-  EXPECT_EQ(Prefix('I', "T") + "elsewhere", line);
 }

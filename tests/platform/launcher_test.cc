@@ -2,6 +2,7 @@
 #include <app_control.h>
 #include <app_manager.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -95,7 +96,7 @@ TEST_F(Launcher, LaunchedAppRunsOnceDetachedWithTheCallersEnvironmentUntilItEnds
       [&] { return reply.called && ReadFile(log).find("test-app") != std::string::npos; }, 5000));
   EXPECT_TRUE(reply.result == 0 && reply.withRequest);
   std::string expected = "test-app pid=" + std::to_string(pid) + " app=" + kApp +
-                         " operation=" + kOperation + " marker=marker-42 stdin=/dev/null\n";
+                         " operation=" + kOperation + " marker=marker-42\n";
   EXPECT_NE(std::string::npos, ReadFile(log).find(expected)) << ReadFile(log);
 
   // A second launch while it runs starts no second instance.
@@ -153,6 +154,10 @@ TEST_F(Launcher, OutputGoesToTheAppsOwnLogFileNeverToTheLaunchersStreams) {
   free(path);
   EXPECT_EQ(env_.runtimeDir() + "/log/" + kApp + ".log", log);
 
+  // The launcher's own stdin is a file, so that one inherited would show.
+  int in = open((env_.root() + "/stdin").c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(0, dup2(in, STDIN_FILENO));
+  close(in);
   pid_t pid = 0;
   ASSERT_EQ(0, velna_launch(kApp, kOperation, &pid, nullptr));
   EXPECT_TRUE(testsupport::RunLoopUntil(

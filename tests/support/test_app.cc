@@ -1,36 +1,25 @@
 // The app that the tests launch. It prints one line of what it was started with, then
 // serves by its mode (first argument, else TEST_APP_MODE):
 //   exit   exit at once, before the loop
-//   echo   serve rpc-port "echo"; each parcel starts with an int32 command: ECHO (1),
-//          string, bundle -> main: RESULT (0), string, bundle; CALLBACK (2), bundle ->
-//          callback: INVOKE (1), bundle; SILENT (3); CRASH (4) SIGKILLs itself; WHO (6)
-//          -> main: RESULT, sender, instance; anything else -> main: -1
-//   lax, callback-first, exit-on-register
-//          serve interface "message" by hand, keeping every delegate ever registered.
-//          SetCB and UnsetCB answer MESSAGE_TEST_APP_REGISTER_RESULT (0); at SetCB,
-//          "callback-first" first sends a Callback on the main channel, "exit-on-register"
-//          exits. A Send bundle's "do" lists steps:
-//          "answer" (invoke every delegate "count" times with "result" = "sample_result"
-//          and "commands", the codes this connection received), "unknown-seq",
-//          "unreadable-string", "wrong-command" (7 on the callback channel),
-//          "stray-result" (Result 55 on the main channel)
-//   setcb-silent, setcb-stray
-//          as lax, but SetCB is never answered; "setcb-stray" sends a parcel of command 7
-//          on the main channel every 200 ms for 10 s instead
+//   echo   rpc-port "echo"; a parcel's int32 command: 1 string, bundle -> main: 0, string,
+//          bundle; 2 bundle -> callback: 1, bundle; 3 nothing; 4 SIGKILL
+//   lax, callback-first, exit-on-register, setcb-silent, setcb-stray
+//          interface "message" by hand, keeping every delegate. SetCB and UnsetCB answer
+//          MESSAGE_TEST_APP_REGISTER_RESULT (0); at SetCB "callback-first" first invokes
+//          the delegate on the main channel, "exit-on-register" exits, "setcb-*" never
+//          answer ("setcb-stray" sends command 7 on the main channel every 200 ms for 10 s).
+//          A Send's "do" lists steps: "answer" (each delegate "count" times, "result" =
+//          "sample_result", "commands" = codes received), "unknown-seq",
+//          "unreadable-string", "wrong-command" (7 on the callback channel), "stray-result"
 //   port-app
-//          a companion app on the message port "TALVO_APP_SDK_PORT_516": answers each
-//          request with "status_code" "0", "status_msg" "ok" and "result" "answer:<actionId>",
-//          in pieces of "chunk" bytes when given; a request's "fault" changes that:
-//          "silent" (no answer), "kill" (SIGKILL before answering), "chunks-then-kill" (two
-//          pieces "first-", "second-" of an unfinished answer, then SIGKILL),
-//          "answer-and-exit" (answer, then exit at once), "flood" ("count" answers
-//          "flood-<i>"), "impersonate" (an answer that names "victim" under "appId",
-//          "sender" and "remote_app_id")
+//          message port "TALVO_APP_SDK_PORT_516": "result" "answer:<actionId>" with status
+//          "0"/"ok", in pieces of "chunk" bytes when given; "fault": "silent", "kill",
+//          "chunks-then-kill" ("first-", "second-", SIGKILL), "answer-and-exit", "flood"
+//          ("count" answers "flood-<i>"), "impersonate" (names "victim" in the answer)
 //   other  run the loop until SIGTERM
-// With the loop running, MP_TEST_PORT registers that message port, whose messages' "cmd"
-// is "echo" (back to "reply_port" with "sender" added), "send" ("count" numbered
-// messages of "size" bytes to "reply_port"); MP_TEST_SEND_TO "<app>:<port>"
-// sends one numbered message of 16 bytes there at start.
+// MP_TEST_PORT registers that message port: "cmd" "echo" answers to "reply_port" with
+// "sender" added, "send" sends "count" numbered messages of "size" bytes there;
+// MP_TEST_SEND_TO "<app>:<port>" sends one numbered message there at start.
 #include <bundle.h>
 #include <glib-unix.h>
 #include <message_port.h>
@@ -110,7 +99,7 @@ void Write(rpc_port_h port, const std::vector<int> &ints, const std::vector<std:
 
 rpc_port_stub_h stub;
 
-int OnEcho(const char *sender, const char *instance, rpc_port_h port, void *) {
+int OnEcho(const char *, const char *instance, rpc_port_h port, void *) {
   rpc_port_parcel_h in = nullptr;
   if (rpc_port_parcel_create_from_port(&in, port) != 0) return -1;
   int cmd = -1;
@@ -124,8 +113,6 @@ int OnEcho(const char *sender, const char *instance, rpc_port_h port, void *) {
   if (cmd == 2 && b && rpc_port_stub_get_port(stub, RPC_PORT_PORT_CALLBACK, instance, &callback) == 0)
     Write(callback, {1}, {}, b);
   if (cmd == 4) raise(SIGKILL);
-  if (cmd == 6) Write(port, {0}, {sender, instance});
-  if (cmd < 1 || cmd == 5 || cmd > 6) Write(port, {-1});
   free(text);
   if (b) bundle_free(b);
   rpc_port_parcel_destroy(in);
@@ -265,12 +252,8 @@ void OnPortRequest(int, const char *sender, const char *, bool, bundle *request,
 
 int main(int argc, char **argv) {
   mode = argc > 1 ? argv[1] : Env("TEST_APP_MODE");
-  char stdinTarget[256] = "";
-  ssize_t n = readlink("/proc/self/fd/0", stdinTarget, sizeof stdinTarget - 1);
-  if (n > 0) stdinTarget[n] = '\0';
-  printf("test-app pid=%d app=%s operation=%s marker=%s stdin=%s\n", int(getpid()),
-         Env("VELNA_APP_ID", "(none)").c_str(), Env("VELNA_APP_CONTROL_OPERATION", "(none)").c_str(),
-         Env("VELNA_TEST_MARKER", "(none)").c_str(), stdinTarget);
+  printf("test-app pid=%d app=%s operation=%s marker=%s\n", int(getpid()), Env("VELNA_APP_ID", "(none)").c_str(),
+         Env("VELNA_APP_CONTROL_OPERATION", "(none)").c_str(), Env("VELNA_TEST_MARKER", "(none)").c_str());
   fflush(stdout);
   if (mode == "exit") return 0;
 
