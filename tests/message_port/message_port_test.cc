@@ -1,6 +1,7 @@
-// The channel layer on a socketpair inside this process, and the message port between
-// real processes: this test process is the client (it owns kClientPort as kClient) and
-// the test app is the app at the other end.
+// The channel layer on socketpairs inside this process (framing, queues, the one readiness
+// source that serves every channel), the message port between real processes and the
+// monitor tap on its sends: this test process is the client (it owns kClientPort as
+// kClient) and the test app is the app at the other end.
 #include <app_manager.h>
 #include <bundle.h>
 #include <message_port.h>
@@ -10,12 +11,20 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <velna_monitor.h>
 
+#include <algorithm>
 #include <cstring>
+#include <deque>
+#include <fstream>
+#include <memory>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Bundles.h"
@@ -97,13 +106,16 @@ class MessagePort : public ::testing::Test {
   std::vector<Received> received_;
 };
 
-TEST_F(MessagePort, RoundTripsKeepOrderBothWaysAndNameEachSenderAsThePlatformKnowsIt) {
+// One connection each way keeps order and names each sender as the platform knows it.
+// Then the app sends 64 MiB while it is sent 64 MiB: each side queues what the other
+// cannot take at once, so neither blocks on the other; one message over the cap is refused.
+TEST_F(MessagePort, RoundTripsKeepOrderNameEachSenderAndSixtyFourMiBTravelBothWaysAtOnce) {
   LaunchApp();
   for (int i = 0; i < 1000; i++) ASSERT_EQ(Send("echo", {{"seq", std::to_string(i)}}), 0) << i;
   ASSERT_EQ(Send("send", {{"count", "1000"}, {"size", "100"}}), 0);
 
   ASSERT_TRUE(WaitForMessages(2000)) << received_.size() << " arrived\n" << log_.dump();
-  // One connection each way: the echoes first, in order, then the app's own sends.
+  // The echoes first, in order, then the app's own sends.
   for (int i = 0; i < 2000; i++) {
     bundle *b = received_[i].message.get();
     ASSERT_EQ(received_[i].remote, kApp) << i;  // the app, as seen by us
@@ -112,12 +124,7 @@ TEST_F(MessagePort, RoundTripsKeepOrderBothWaysAndNameEachSenderAsThePlatformKno
     ASSERT_EQ(GetStr(b, "sender"), i < 1000 ? kClient : "<absent>") << i;  // us, as the app saw us
     ASSERT_EQ(HasBytes(b, "data", Pattern(100, i % 1000)), i >= 1000) << i;
   }
-}
 
-// The app sends 64 MiB while it is sent 64 MiB: each side queues what the other cannot
-// take at once, so neither blocks on the other.
-TEST_F(MessagePort, MessageOverTheCapIsRefusedAndSixtyFourMiBTravelBothWaysAtOnce) {
-  LaunchApp();
   ASSERT_EQ(Send("send", {{"count", "1"}, {"size", std::to_string(64u << 20)}}), 0);
   for (size_t size : {size_t(MESSAGE_PORT_MAX_MESSAGE_SIZE), size_t(64u << 20)}) {
     BundlePtr msg = MakeBundle({{"cmd", "echo"}, {"reply_port", kClientPort}});
@@ -127,12 +134,12 @@ TEST_F(MessagePort, MessageOverTheCapIsRefusedAndSixtyFourMiBTravelBothWaysAtOnc
   EXPECT_TRUE(log_.has("over the limit of 134217728 bytes")) << log_.dump();
 
   // Nothing of the refused one went out: the app's own message, then the 64 MiB echo.
-  ASSERT_TRUE(WaitForMessages(2, 60000)) << log_.dump();
-  EXPECT_TRUE(HasBytes(received_[0].message.get(), "data", Pattern(64u << 20, 0)));
-  EXPECT_EQ(received_[1].remote, kApp);
-  EXPECT_TRUE(HasBytes(received_[1].message.get(), "data", Pattern(64u << 20, 7)));
+  ASSERT_TRUE(WaitForMessages(2002, 60000)) << log_.dump();
+  EXPECT_TRUE(HasBytes(received_[2000].message.get(), "data", Pattern(64u << 20, 0)));
+  EXPECT_EQ(received_[2001].remote, kApp);
+  EXPECT_TRUE(HasBytes(received_[2001].message.get(), "data", Pattern(64u << 20, 7)));
   RunLoopFor(200);
-  EXPECT_EQ(received_.size(), 2u);
+  EXPECT_EQ(received_.size(), 2002u);
 }
 
 TEST_F(MessagePort, SenderClaimingAnotherLiveAppsIdIsNotBelieved) {
@@ -158,7 +165,7 @@ TEST_F(MessagePort, SenderClaimingAnotherLiveAppsIdIsNotBelieved) {
   EXPECT_EQ(received_[1].remote, kApp);
 }
 
-TEST_F(MessagePort, MissingAppOrPortIsNoEntryOnlyAFreeValidIdOwnsAPortAndAnEndedAppStopsCountingAtOnce) {
+TEST_F(MessagePort, MissingAppOrPortIsNoEntryOnlyAFreeValidIdInAPrivateDirOwnsAPortAndAnEndedAppStopsCountingAtOnce) {
   EXPECT_FALSE(PortExists(kApp, kAppPort));
   bool exist = false;
   EXPECT_EQ(message_port_check_remote_port("", kAppPort, &exist), -EINVAL);
@@ -181,6 +188,26 @@ TEST_F(MessagePort, MissingAppOrPortIsNoEntryOnlyAFreeValidIdOwnsAPortAndAnEnded
   EXPECT_EQ(log_.count("no valid VELNA_APP_ID"), 2) << log_.dump();
   setenv("VELNA_APP_ID", kApp, 1);  // held by the app's process
   EXPECT_EQ(message_port_register_local_port("MINE", cb, nullptr), -EEXIST);
+  setenv("VELNA_APP_ID", kClient, 1);
+
+  // Sockets answer only their owner; a runtime directory that others could enter, or that
+  // belongs to another user, is refused with the fix named.
+  for (const std::string &socket : {SocketOf("mp", kClient, kClientPort), SocketOf("mp", kApp, kAppPort)}) {
+    struct stat st;
+    EXPECT_TRUE(stat(socket.c_str(), &st) == 0 && (st.st_mode & 07777) == 0600) << socket;
+  }
+  const std::string open = env_.root() + "/open", foreign = env_.root() + "/foreign";
+  ASSERT_TRUE(mkdir(open.c_str(), 0700) == 0 && chmod(open.c_str(), 0777) == 0);
+  setenv("VELNA_RUNTIME_DIR", open.c_str(), 1);
+  EXPECT_EQ(message_port_register_local_port("OTHER", cb, nullptr), -EACCES);
+  EXPECT_TRUE(log_.has("chmod 700 " + open)) << log_.dump();
+  if (geteuid() == 0) {
+    ASSERT_TRUE(mkdir(foreign.c_str(), 0700) == 0 && chown(foreign.c_str(), 65534, 65534) == 0);
+    setenv("VELNA_RUNTIME_DIR", foreign.c_str(), 1);
+    EXPECT_EQ(message_port_register_local_port("OTHER", cb, nullptr), -EACCES);
+    EXPECT_TRUE(log_.has("belongs to uid 65534")) << log_.dump();
+  }
+  setenv("VELNA_RUNTIME_DIR", env_.runtimeDir().c_str(), 1);
 
   // Ended by the platform, then killed twice: gone at once, before the loop has seen the
   // connection that the echo above opened close; the next instance of the id is reached.
@@ -204,35 +231,167 @@ TEST_F(MessagePort, MissingAppOrPortIsNoEntryOnlyAFreeValidIdOwnsAPortAndAnEnded
   }
 }
 
-std::string ClientSocket() {
-  char path[sizeof(sockaddr_un::sun_path)] = "";
-  EXPECT_EQ(velna_socket_path("mp", kClient, kClientPort, path, sizeof path), 0);
-  return path;
+long VmSizeKiB() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.rfind("VmSize:", 0) == 0) return strtol(line.c_str() + 7, nullptr, 10);
+  return -1;
 }
 
+// Every peer that sends what no app would is dropped alone: bad magic, a header over the
+// cap, an undecodable message, a peer of another user (refused when it connects; needs
+// root to act as one), and frames that stop arriving (a header at the cap followed by
+// 1 MiB, a small frame cut off halfway), which cost only what arrived until their stall.
 TEST_F(MessagePort, HostileBytesDropOnlyThatPeer) {
   unsigned char *raw = nullptr;
   size_t len = 0;
   ASSERT_EQ(bundle_encode_raw(MakeBundle({{"cmd", "forged"}}).get(), &raw, &len), 0);
-  const std::string good(reinterpret_cast<char *>(raw), len);
+  const std::string good(reinterpret_cast<char *>(raw), len), socket = SocketOf("mp", kClient, kClientPort);
   free(raw);
-  Peer wrongMagic(ClientSocket(), FrameHeader(uint32_t(len), 0x12345678u) + good + Frame(good)),
-      overCap(ClientSocket(), FrameHeader(MESSAGE_PORT_MAX_MESSAGE_SIZE + 1)),
-      badBundle(ClientSocket(), Frame(std::string("VBDL", 5))), honest(ClientSocket(), Frame(good));
+
+  // The directories and the socket are opened up for the moment, so that only the check
+  // of the peer's credentials stands in the stranger's way.
+  const std::string rt = env_.runtimeDir();
+  std::unique_ptr<Peer> stranger;
+  if (geteuid() == 0) {
+    for (const std::string &dir : {env_.root(), rt, rt + "/s"}) chmod(dir.c_str(), 0711);
+    chmod(socket.c_str(), 0666);
+    stranger = std::make_unique<Peer>(socket, Frame(good), 65534);
+    for (const std::string &dir : {env_.root(), rt, rt + "/s"}) chmod(dir.c_str(), 0700);
+    chmod(socket.c_str(), 0600);
+    ASSERT_TRUE(stranger->connected());
+  }
+
+  const long before = VmSizeKiB();
+  Peer wrongMagic(socket, FrameHeader(uint32_t(len), 0x12345678u) + good + Frame(good)),
+      overCap(socket, FrameHeader(MESSAGE_PORT_MAX_MESSAGE_SIZE + 1)),
+      badBundle(socket, Frame(std::string("VBDL", 5))), honest(socket, Frame(good)),
+      huge(socket, FrameHeader(MESSAGE_PORT_MAX_MESSAGE_SIZE) + std::string(1 << 20, 'x')),
+      half(socket, FrameHeader(64 * 1024) + std::string(32 * 1024, 'y'));
+  ASSERT_TRUE(RunLoopUntil([&] {
+    bool hugeSent = huge.feed(), halfSent = half.feed();
+    return hugeSent && halfSent;
+  }, 5000));
+  RunLoopFor(200);  // the last bytes are read
+  const long grown = VmSizeKiB() - before;
+  EXPECT_LT(grown, 32 * 1024) << "virtual size grew by " << grown << " KiB for 1 MiB that arrived";
+
   ASSERT_TRUE(RunLoopUntil(
-      [&] { return received_.size() == 1 && wrongMagic.dropped() && overCap.dropped() && badBundle.dropped(); },
-      10000))
+      [&] {
+        return received_.size() == 1 && wrongMagic.dropped() && overCap.dropped() && badBundle.dropped() &&
+               huge.dropped() && half.dropped() && (!stranger || stranger->dropped());
+      },
+      25000))
       << received_.size() << " arrived\n" << log_.dump();
   RunLoopFor(100);
 
   for (const char *why : {"bad frame magic 0x12345678", "frame of 134217729 bytes exceeds the cap",
                           "undecodable message of 5 bytes"})
     EXPECT_TRUE(log_.has(why)) << log_.dump();
+  EXPECT_EQ(2, log_.count("made no progress")) << log_.dump();
+  EXPECT_EQ(stranger ? 1 : 0, log_.count("of uid 65534")) << log_.dump();
   ASSERT_EQ(received_.size(), 1u);
   EXPECT_EQ(GetStr(received_[0].message.get(), "cmd"), "forged");
   EXPECT_EQ(received_[0].remote, kClient);  // the raw socket's owner: this very process
   EXPECT_FALSE(honest.dropped());
 }
+
+// The monitor tap: what a listening monitor receives of this process's sends to its own
+// port, and how the tap socket is claimed and given back.
+class MonitorTap : public MessagePort {
+ protected:
+  void TearDown() override {
+    for (int conn : conns_) close(conn);
+    if (monitor_ >= 0) velna_monitor_stop(monitor_);
+  }
+
+  std::string socketPath() const { return env_.runtimeDir() + "/monitor"; }
+
+  // Sends a message numbered n to this process's own port.
+  void send(int n) {
+    ASSERT_EQ(0, message_port_send_message(kClient, kClientPort, MakeBundle({{"n", std::to_string(n)}}).get()));
+  }
+
+  // Every copy waiting now, in arrival order, as the value of "n" (or "?").
+  std::vector<std::string> received() {
+    for (int conn; velna_monitor_accept(monitor_, &conn) == 0;) conns_.push_back(conn);
+    std::vector<std::string> out;
+    velna_monitor_record record;
+    for (int conn : conns_) {
+      while (velna_monitor_receive(conn, &record) == 0) {
+        char *n = nullptr;
+        EXPECT_EQ(VELNA_MONITOR_MESSAGE_PORT, record.mechanism);
+        EXPECT_STREQ(kClient, record.sender);
+        EXPECT_STREQ(kClient, record.receiver);
+        EXPECT_STREQ(kClientPort, record.port);
+        EXPECT_EQ(getpid(), record.sender_pid);
+        out.push_back(record.message && bundle_get_str(record.message, "n", &n) == 0 ? n : "?");
+        velna_monitor_record_clear(&record);
+      }
+    }
+    return out;
+  }
+
+  int monitor_ = -1;
+  std::vector<int> conns_;
+};
+
+TEST_F(MonitorTap, ListensOverADeadSocketGetsWholeBurstsInOrderAndARestartLosesNothing) {
+  send(0);  // no monitor yet: nothing is kept for a later one
+  int dead = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+  sockaddr_un addr{AF_UNIX, {}};
+  socketPath().copy(addr.sun_path, sizeof addr.sun_path - 1);
+  ASSERT_EQ(0, bind(dead, reinterpret_cast<sockaddr *>(&addr), sizeof addr));
+  close(dead);  // the file stays, nobody listens
+
+  ASSERT_EQ(0, velna_monitor_listen(&monitor_));
+  struct stat st;
+  ASSERT_EQ(0, stat(socketPath().c_str(), &st));
+  EXPECT_EQ(0600u, st.st_mode & 0777);
+  int second = -1;
+  EXPECT_EQ(-EBUSY, velna_monitor_listen(&second));
+
+  // The sender looked for the tap at its first send, a moment ago; it looks again
+  // within a second.
+  std::vector<std::string> first;
+  ASSERT_TRUE(testsupport::RunLoopUntil([&] {
+    send(-1);
+    return !(first = received()).empty();
+  }, 3000));
+  EXPECT_EQ(first.end(), std::find(first.begin(), first.end(), "0")) << "kept from before the monitor";
+  std::vector<std::string> expected;
+  for (int n = 1; n <= 100; ++n) {
+    send(n);
+    expected.push_back(std::to_string(n));
+  }
+  EXPECT_EQ(expected, received());
+
+  // The sender's connection breaks with the first monitor; it finds the next at once.
+  for (int conn : conns_) close(conn);
+  conns_.clear();
+  velna_monitor_stop(monitor_);
+  EXPECT_NE(0, access(socketPath().c_str(), F_OK));
+  ASSERT_EQ(0, velna_monitor_listen(&monitor_));
+  send(2);
+  EXPECT_EQ(std::vector<std::string>({"2"}), received());
+}
+
+// A connected pair of channels, each refusing frames over maxFrame: frames sent on out
+// arrive on in. Both are closed with the pair unless a test closed one and cleared it.
+struct ChannelPair {
+  explicit ChannelPair(uint32_t maxFrame = 1u << 20) {
+    int sv[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) return;
+    out = velna_channel_new(sv[0], maxFrame);
+    in = velna_channel_new(sv[1], maxFrame);
+  }
+  ~ChannelPair() {
+    for (velna_channel *c : {out, in})
+      if (c) velna_channel_close(c);
+  }
+  ChannelPair(const ChannelPair &) = delete;
+  velna_channel *out = nullptr, *in = nullptr;
+};
 
 // Frames that arrived on a channel, and how often it reported its close.
 struct Frames {
@@ -248,52 +407,147 @@ void TakeOne(velna_channel *channel, void *data) {
   free(payload);
 }
 
-// Two channels on a socketpair, a_ sending to b_, each refusing frames over maxFrame.
-class Channel : public ::testing::Test {
- protected:
-  void SetUp() override { Pair(16u << 20); }
-  void TearDown() override {
-    for (velna_channel *c : {a_, b_})
-      if (c) velna_channel_close(c);
-    a_ = b_ = nullptr;
-  }
-  void Pair(uint32_t maxFrame) {
-    TearDown();
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
-    a_ = velna_channel_new(sv[0], maxFrame);
-    b_ = velna_channel_new(sv[1], maxFrame);
-    ASSERT_TRUE(a_ && b_);
-  }
-  velna_channel *a_ = nullptr, *b_ = nullptr;
-  Frames rec_;
-};
-
-TEST_F(Channel, FramesUpToTheCapArriveWholeAndInOrderAndOnePastIsRefused) {
+TEST(Channel, FramesUpToTheCapArriveWholeAndInOrderOnePastIsRefusedAndAHangUpComesLast) {
+  ChannelPair p(16u << 20);
+  ASSERT_TRUE(p.out && p.in);
+  Frames rec;
   auto closed = [](velna_channel *, void *d) { static_cast<Frames *>(d)->closedCalls++; };
-  velna_channel_set_handlers(b_, TakeOne, closed, &rec_);
+  velna_channel_set_handlers(p.in, TakeOne, closed, &rec);
   const std::vector<size_t> sizes = {0, 1, 7, 8, 9, 65535, 65536, 65537, 3u << 20, 20, 0, 16u << 20, 5};
   for (size_t i = 0; i < sizes.size(); i++)
-    ASSERT_EQ(velna_channel_send(a_, Pattern(sizes[i], unsigned(i)).data(), sizes[i]), 0) << i;
+    ASSERT_EQ(velna_channel_send(p.out, Pattern(sizes[i], unsigned(i)).data(), sizes[i]), 0) << i;
   std::vector<unsigned char> over((16u << 20) + 1);
-  EXPECT_EQ(velna_channel_send(a_, over.data(), over.size()), -EMSGSIZE);
+  EXPECT_EQ(velna_channel_send(p.out, over.data(), over.size()), -EMSGSIZE);
 
-  ASSERT_TRUE(RunLoopUntil([&] { return rec_.frames.size() == sizes.size(); }, 20000))
-      << rec_.frames.size();
+  ASSERT_TRUE(RunLoopUntil([&] { return rec.frames.size() == sizes.size(); }, 20000))
+      << rec.frames.size();
   for (size_t i = 0; i < sizes.size(); i++)
-    EXPECT_TRUE(rec_.frames[i] == Pattern(sizes[i], unsigned(i))) << "frame " << i;
-  EXPECT_EQ(rec_.closedCalls, 0);
-  EXPECT_EQ(velna_channel_peer_pid(b_), getpid());
+    EXPECT_TRUE(rec.frames[i] == Pattern(sizes[i], unsigned(i))) << "frame " << i;
+  EXPECT_EQ(rec.closedCalls, 0);
+  EXPECT_EQ(velna_channel_peer_pid(p.in), getpid());
+
+  // A frame followed at once by the hang-up: the frame is delivered, then the close.
+  ASSERT_EQ(velna_channel_send(p.out, "last", 4), 0);
+  velna_channel_close(std::exchange(p.out, nullptr));
+  ASSERT_TRUE(RunLoopUntil([&] { return rec.closedCalls > 0; }, 10000));
+  EXPECT_EQ(rec.frames.size(), sizes.size() + 1);
+  RunLoopFor(50);
+  EXPECT_EQ(rec.closedCalls, 1);
 }
 
-TEST_F(Channel, OutputPastTheQueueCapFailsWithTryAgain) {
+TEST(Channel, OutputPastTheQueueCapFailsWithTryAgain) {
   // Nobody runs the loop, so what the socket does not take stays queued.
-  Pair(1u << 30);
+  ChannelPair p(1u << 30);
   std::vector<unsigned char> chunk(100u << 20, 3);
-  EXPECT_EQ(velna_channel_send(a_, chunk.data(), chunk.size()), 0);
-  EXPECT_EQ(velna_channel_send(a_, chunk.data(), chunk.size()), 0);
-  EXPECT_EQ(velna_channel_send(a_, chunk.data(), chunk.size()), -EAGAIN);
-  EXPECT_EQ(velna_channel_send(a_, "small", 5), 0);
+  EXPECT_EQ(velna_channel_send(p.out, chunk.data(), chunk.size()), 0);
+  EXPECT_EQ(velna_channel_send(p.out, chunk.data(), chunk.size()), 0);
+  EXPECT_EQ(velna_channel_send(p.out, chunk.data(), chunk.size()), -EAGAIN);
+  EXPECT_EQ(velna_channel_send(p.out, "small", 5), 0);
+}
+
+// Which receivers got a frame, by index, in order of service.
+struct Served {
+  std::vector<int> *order;
+  int index;
+};
+
+void DropAndRecord(velna_channel *channel, void *data) {
+  auto *s = static_cast<Served *>(data);
+  if (velna_channel_drop_frame(channel) == 0) s->order->push_back(s->index);
+}
+
+// Channels share one readiness source: only the ready ones are served, and each once
+// when far more are ready than one dispatch fetches.
+TEST(ChannelReadiness, OnlyTheReadyChannelsAreServedAndEachOnceWhenManyAreReadyAtOnce) {
+  std::deque<ChannelPair> pairs(300);
+  std::vector<Served> receivers(pairs.size());
+  std::vector<int> order;
+  for (size_t i = 0; i < pairs.size(); i++) {
+    ASSERT_TRUE(pairs[i].in) << i;
+    receivers[i] = {&order, int(i)};
+    velna_channel_set_handlers(pairs[i].in, DropAndRecord, nullptr, &receivers[i]);
+  }
+  ASSERT_EQ(velna_channel_send(pairs[123].out, "one", 3), 0);
+  ASSERT_TRUE(RunLoopUntil([&] { return !order.empty(); }, 10000));
+  RunLoopFor(50);
+  EXPECT_EQ(order, std::vector<int>{123});
+
+  order.clear();
+  for (ChannelPair &p : pairs) ASSERT_EQ(velna_channel_send(p.out, "all", 3), 0);
+  ASSERT_TRUE(RunLoopUntil([&] { return order.size() >= pairs.size(); }, 10000)) << order.size();
+  RunLoopFor(50);
+  EXPECT_EQ(order.size(), pairs.size());
+  EXPECT_EQ(std::set<int>(order.begin(), order.end()).size(), pairs.size());
+}
+
+// Whichever of two ready receivers is served first closes the other, and opens a new
+// pair whose descriptors may take the closed one's numbers.
+struct Rivals {
+  std::deque<ChannelPair> pairs = std::deque<ChannelPair>(2);
+  int served = 0;
+  std::unique_ptr<ChannelPair> fresh;
+};
+
+void CloseTheRival(velna_channel *channel, void *data) {
+  auto *r = static_cast<Rivals *>(data);
+  r->served++;
+  velna_channel_drop_frame(channel);
+  for (ChannelPair &p : r->pairs) {
+    if (p.in != channel && p.in) velna_channel_close(std::exchange(p.in, nullptr));
+  }
+  r->fresh = std::make_unique<ChannelPair>();
+}
+
+TEST(ChannelReadiness, AChannelClosedByAnotherHandlerInTheSameDispatchIsNeverServed) {
+  Rivals rivals;
+  for (ChannelPair &p : rivals.pairs) velna_channel_set_handlers(p.in, CloseTheRival, nullptr, &rivals);
+  // Both frames are in their sockets before the loop runs, so one dispatch sees both.
+  for (ChannelPair &p : rivals.pairs) ASSERT_EQ(velna_channel_send(p.out, "x", 1), 0);
+  ASSERT_TRUE(RunLoopUntil([&] { return rivals.served > 0; }, 10000));
+  RunLoopFor(100);
+  EXPECT_EQ(rivals.served, 1);
+
+  // The new pair, made inside that dispatch, works.
+  std::vector<int> order;
+  Served receiver{&order, 0};
+  ASSERT_TRUE(rivals.fresh && rivals.fresh->in);
+  velna_channel_set_handlers(rivals.fresh->in, DropAndRecord, nullptr, &receiver);
+  ASSERT_EQ(velna_channel_send(rivals.fresh->out, "new", 3), 0);
+  EXPECT_TRUE(RunLoopUntil([&] { return order.size() == 1; }, 10000));
+}
+
+// A handler that iterates the loop itself until another channel's frame arrives.
+struct Nested {
+  velna_channel *other = nullptr;
+  bool otherServed = false, finished = false;
+  bool servedInside = false;  // whether the other was served before the handler returned
+};
+
+void RunLoopInside(velna_channel *channel, void *data) {
+  auto *n = static_cast<Nested *>(data);
+  velna_channel_drop_frame(channel);
+  velna_channel_send(n->other, "inner", 5);
+  gint64 end = g_get_monotonic_time() + 5 * G_USEC_PER_SEC;
+  while (!n->otherServed && g_get_monotonic_time() < end) g_main_context_iteration(nullptr, FALSE);
+  n->servedInside = n->otherServed;
+  n->finished = true;
+}
+
+TEST(ChannelReadiness, AHandlerThatRunsTheLoopStillGetsOtherChannelsServed) {
+  ChannelPair outer, inner;
+  Nested nested;
+  nested.other = inner.out;
+  velna_channel_set_handlers(outer.in, RunLoopInside, nullptr, &nested);
+  velna_channel_set_handlers(
+      inner.in,
+      [](velna_channel *channel, void *data) {
+        velna_channel_drop_frame(channel);
+        static_cast<Nested *>(data)->otherServed = true;
+      },
+      nullptr, &nested);
+  ASSERT_EQ(velna_channel_send(outer.out, "outer", 5), 0);
+  ASSERT_TRUE(RunLoopUntil([&] { return nested.finished; }, 10000));
+  EXPECT_TRUE(nested.servedInside);
 }
 
 }  // namespace

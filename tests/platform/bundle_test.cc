@@ -1,9 +1,11 @@
-// Bundle: insertion order, key rules, and the binary form against hostile input (random
-// input is the fuzz targets' part).
+// Bundle: insertion order, key rules, the binary form against hostile input (random input
+// is the fuzz targets' part), and string buffers that a bundle takes over.
 #include <bundle.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -11,6 +13,7 @@
 #include <vector>
 
 #include "Bundles.h"
+#include "LoopUntil.h"
 
 namespace {
 
@@ -87,6 +90,28 @@ int Decode(const std::vector<unsigned char> &bytes, BundlePtr *out = nullptr) {
 
 std::string U32(uint32_t v) { return {char(v), char(v >> 8), char(v >> 16), char(v >> 24)}; }
 
+// Joins pieces of piece bytes each, different per piece, into a new buffer.
+std::string Join(char **buffer, size_t pieces, size_t piece) {
+  std::string expected;
+  for (size_t i = 0; i < pieces; i++) {
+    std::string bytes(piece, static_cast<char>('a' + i % 26));
+    EXPECT_EQ(0, bundle_str_buffer_append(buffer, bytes.data(), bytes.size()));
+    expected += bytes;
+  }
+  return expected;
+}
+
+long ResidentMiB() {
+  long pages = 0, resident = 0;
+  FILE *f = fopen("/proc/self/statm", "r");
+  if (f) {
+    if (fscanf(f, "%ld %ld", &pages, &resident) != 2)
+      resident = 0;
+    fclose(f);
+  }
+  return resident * sysconf(_SC_PAGESIZE) / (1024 * 1024);
+}
+
 }  // namespace
 
 TEST(Bundle, KeepsInsertionOrderAndReportsExistingMissingAndBadKeysAndWrongTypes) {
@@ -155,4 +180,68 @@ TEST(BundleCodec, TruncatedLyingOrGarbageEncodingsAreRejected) {
     EXPECT_EQ(-22, Decode(bad)) << "patch at " << at;
   }
   EXPECT_EQ(0, Decode(good));  // the offsets above name what they claim
+}
+
+// A buffer moves while it grows past its first mapping several times; the bundle keeps the
+// buffer itself, and its string ends at the first zero byte appended.
+TEST(BundleStrBuffer, JoinsAcrossGrowthIsTakenOverWithoutACopyAndEndsAtTheFirstZeroByte) {
+  char *joined = nullptr, *cut = nullptr;
+  const std::string expected = Join(&joined, 40, 100 * 1024 + 7);
+  ASSERT_EQ(expected.size(), bundle_str_buffer_size(joined));
+  EXPECT_EQ(expected, std::string(joined));
+  for (const std::string &piece : {std::string("abc"), std::string("de\0fg", 5), std::string("\0hij", 4), std::string()})
+    ASSERT_EQ(0, bundle_str_buffer_append(&cut, piece.data(), piece.size()));
+  EXPECT_EQ(12u, bundle_str_buffer_size(cut));
+
+  BundlePtr b = Make();
+  ASSERT_EQ(0, bundle_add_str(b.get(), "joined", joined));
+  ASSERT_EQ(0, bundle_add_str(b.get(), "cut", cut));
+  char *stored = nullptr;
+  ASSERT_EQ(0, bundle_get_str(b.get(), "joined", &stored));
+  EXPECT_EQ(joined, stored);
+  const std::vector<Entry> entries = {{"joined", BUNDLE_TYPE_STR, {expected + '\0'}},
+                                      {"cut", BUNDLE_TYPE_STR, {std::string("abcde", 6)}}};
+  EXPECT_EQ(entries, Entries(b.get()));
+
+  // A copy, and what it decodes to, are their own: deleting the entry leaves them intact.
+  BundlePtr copy(bundle_dup(b.get())), decoded;
+  ASSERT_EQ(0, Decode(Encode(b.get()), &decoded));
+  ASSERT_EQ(0, bundle_del(b.get(), "joined"));
+  EXPECT_EQ(entries, Entries(copy.get()));
+  EXPECT_EQ(entries, Entries(decoded.get()));
+}
+
+TEST(BundleStrBuffer, StaysTheCallersWhenTheBundleRefusesIt) {
+  BundlePtr b = Make();
+  ASSERT_EQ(0, bundle_add_str(b.get(), "k", "old"));
+  char *buffer = nullptr;
+  ASSERT_EQ(0, bundle_str_buffer_append(&buffer, "new", 3));
+  EXPECT_EQ(-17, bundle_add_str(b.get(), "k", buffer));
+  EXPECT_EQ(-22, bundle_add_str(b.get(), "", buffer));
+  ASSERT_EQ(0, bundle_str_buffer_append(&buffer, "er", 2));
+  EXPECT_STREQ("newer", buffer);
+  ASSERT_EQ(0, bundle_add_str(b.get(), "k2", buffer));
+  EXPECT_EQ("newer", testsupport::GetStr(b.get(), "k2"));
+  EXPECT_EQ(-22, bundle_str_buffer_append(nullptr, "x", 1));
+  EXPECT_EQ(0u, bundle_str_buffer_size(nullptr));
+  bundle_str_buffer_free(nullptr);
+}
+
+// The spare: the next buffer starts in the memory of the last one freed, and a huge spare
+// is cut back to 16 MiB after an idle tick.
+TEST(BundleStrBuffer, NextBufferStartsInTheLastOneFreedAndAHugeSpareLeavesTheResidentSetOnceIdle) {
+  char *first = nullptr;
+  Join(&first, 64, 1024 * 1024);
+  {
+    BundlePtr b = Make();
+    ASSERT_EQ(0, bundle_add_str(b.get(), "k", first));  // freed with the entry
+  }
+  char *second = nullptr;
+  ASSERT_EQ(0, bundle_str_buffer_append(&second, "x", 1));
+  EXPECT_EQ(first, second);
+  EXPECT_STREQ("x", second);  // none of the old text shows through
+  bundle_str_buffer_free(second);
+  const long afterFree = ResidentMiB();
+  EXPECT_TRUE(testsupport::RunLoopUntil([&] { return ResidentMiB() < afterFree - 32; }, 5000))
+      << "resident " << ResidentMiB() << " MiB, " << afterFree << " MiB right after the free";
 }

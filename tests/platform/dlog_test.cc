@@ -25,8 +25,9 @@ class Dlog : public ::testing::Test {
     unsetenv("VELNA_LOG_LEVEL");
   }
 
-  std::vector<std::string> Lines() const {
-    std::ifstream in(logFile_);
+  // The lines of file, the test's log file by default.
+  std::vector<std::string> Lines(const std::string &file = "") const {
+    std::ifstream in(file.empty() ? logFile_ : file);
     std::vector<std::string> out;
     for (std::string line; std::getline(in, line);) out.push_back(line);
     return out;
@@ -85,9 +86,7 @@ TEST_F(Dlog, LinesFollowTheLevelAndFileOfTheEnvironmentLongOnesAreCutAndCaptureS
                                        prefix + std::string(65536 - 8 - prefix.size(), 'n') + " [cut]",
                                        Prefix('I', "T", child) + "from the child"};
   EXPECT_EQ(expected, Lines());
-  std::ifstream in(other);
-  std::string line;
-  EXPECT_TRUE(std::getline(in, line) && line == prefix + "elsewhere") << line;
+  EXPECT_EQ(std::vector<std::string>{prefix + "elsewhere"}, Lines(other));
   ASSERT_EQ(13u, capture.lines().size()) << capture.dump();
   for (size_t i : {0, 8}) {
     EXPECT_EQ("T", capture.lines()[i].tag);

@@ -30,21 +30,6 @@ Eina_Bool Tick(void *counter) {
 
 }  // namespace
 
-TEST(MainLoop, GlibIdleGlibTimeoutAndEcoreTimerAllFireOnOneLoopRunAfterRun) {
-  ASSERT_EQ(0, velna_main_loop_init());
-  int idle = 0, timeout = 0, ticks = 0;
-  g_idle_add(Count, &idle);
-  g_timeout_add(30, Count, &timeout);
-  Ecore_Timer *timer = ecore_timer_add(0.02, Tick, &ticks);
-  EXPECT_TRUE(testsupport::RunLoopUntil([&] { return idle && timeout && ticks >= 2; }, 5000))
-      << idle << " " << timeout << " " << ticks;
-  EXPECT_EQ(1, idle);
-  EXPECT_EQ(1, timeout);
-  int before = ticks;
-  EXPECT_TRUE(testsupport::RunLoopUntil([&] { return ticks > before; }, 5000));
-  ecore_timer_del(timer);
-}
-
 TEST(MainLoop, DispatchesGlibDescriptorsAboveTheFdSetLimit) {
   ASSERT_EQ(0, velna_main_loop_init());
   rlimit lim;

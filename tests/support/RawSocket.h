@@ -15,6 +15,9 @@
 #include <utility>
 
 #include "LoopUntil.h"
+extern "C" {
+#include "runtime_internal.h"
+}
 
 namespace testsupport {
 
@@ -24,6 +27,12 @@ constexpr uint32_t kFrameMagic = 0x314E4C56u;
 inline std::string U32(uint32_t v) { return {char(v), char(v >> 8), char(v >> 16), char(v >> 24)}; }
 inline std::string FrameHeader(uint32_t len, uint32_t magic = kFrameMagic) { return U32(magic) + U32(len); }
 inline std::string Frame(const std::string &payload) { return FrameHeader(uint32_t(payload.size())) + payload; }
+
+// The path of the socket of kind ("mp", "rpc") that app serves port at, or "".
+inline std::string SocketOf(const char *kind, const char *app, const char *port) {
+  char path[sizeof(sockaddr_un::sun_path)] = "";
+  return velna_socket_path(kind, app, port, path, sizeof path) == 0 ? path : "";
+}
 
 // A connected stream socket to path (owned by the caller), or -1. Safe in a forked child.
 inline int RawConnect(const std::string &path) {
