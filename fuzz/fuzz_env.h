@@ -4,7 +4,6 @@
 #pragma once
 
 #include <errno.h>
-#include <ftw.h>
 #include <rpc-port.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,6 +14,7 @@
 #include <glib/gstdio.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -39,10 +39,7 @@ inline const std::string &FuzzRoot(const char *app_id = nullptr) {
     setenv("VELNA_APPS_DIR", apps.c_str(), 1);
     setenv("VELNA_LOG_LEVEL", "silent", 1);
     if (app_id) setenv("VELNA_APP_ID", app_id, 1);
-    atexit([] {
-      auto remove_one = [](const char *p, const struct stat *, int, FTW *) { return remove(p); };
-      nftw(FuzzRoot().c_str(), remove_one, 16, FTW_DEPTH | FTW_PHYS);
-    });
+    atexit([] { std::error_code ignored; std::filesystem::remove_all(FuzzRoot(), ignored); });
     return path;
   }();
   return *root;

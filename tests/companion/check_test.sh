@@ -2,7 +2,7 @@
 # talvo-cli check in a private session: the three sample apps pass; each broken app (one
 # fault each) fails with its own finding; no check leaves an app running that it started.
 set -u
-source_dir=$1 build=$2 broken=$3
+source_dir=$1 build=$2 test_app=$3
 . "$source_dir/scripts/session.sh"
 trap session_stop EXIT
 session_start "$(mktemp -d /tmp/talvo-check-test.XXXXXX)" "$build"
@@ -47,13 +47,13 @@ for app in portcompanion rpccompanion aliascompanion; do
 done
 expect 0 '"passed" : true' org.velna.sample.rpccompanion --json
 
-manifest broken.noconcepts "$broken no-concepts" 1.0-alpha "$key/companion-app/action-id=go"
+manifest broken.noconcepts "$test_app no-concepts" 1.0-alpha "$key/companion-app/action-id=go"
 expect 1 'fail  context request: the client gets the failure answer .*no "concepts"' broken.noconcepts
-manifest broken.nostatus "$broken no-status" 1.0-alpha "$key/companion-app/action-id=go"
+manifest broken.nostatus "$test_app no-status" 1.0-alpha "$key/companion-app/action-id=go"
 expect 1 'fail  action "go": the answer has no "status_code"' broken.nostatus
-manifest broken.wrongid "$broken wrong-id" 1.1.0 "$key/companion-app/action-id=go"
+manifest broken.wrongid "$test_app wrong-id" 1.1.0 "$key/companion-app/action-id=go"
 expect 1 'answered as "org.velna.someone.else", not as itself' broken.wrongid --timeout 2
-manifest broken.noport "$broken no-port" 1.0-alpha "$key/companion-app/action-id=go"
+manifest broken.noport "$test_app no-port" 1.0-alpha "$key/companion-app/action-id=go"
 expect 1 'fail  the app runs but did not register the port TALVO_APP_SDK_PORT_516' broken.noport
 manifest broken.blanks "$port_exec" 1.0-alpha "$key/companion-app/action-id=playMusic, stop"
 expect 1 'fail  action-id " stop" has blanks' broken.blanks

@@ -3,19 +3,32 @@
 //   exit   exit at once, before the loop
 //   echo   rpc-port "echo"; a parcel's int32 command: 1 string, bundle -> main: 0, string,
 //          bundle; 2 bundle -> callback: 1, bundle; 3 nothing; 4 SIGKILL
-//   lax, callback-first, exit-on-register, setcb-silent, setcb-stray
+//   lax, callback-first, exit-on-register, setcb-silent, setcb-stray, wrong-id
 //          interface "message" by hand, keeping every delegate. SetCB and UnsetCB answer
 //          MESSAGE_TEST_APP_REGISTER_RESULT (0); at SetCB "callback-first" first invokes
 //          the delegate on the main channel, "exit-on-register" exits, "setcb-*" never
 //          answer ("setcb-stray" sends command 7 on the main channel every 200 ms for 10 s).
 //          A Send's "do" lists steps: "answer" (each delegate "count" times, "result" =
 //          "sample_result", "commands" = codes received), "unknown-seq",
-//          "unreadable-string", "wrong-command" (7 on the callback channel), "stray-result"
+//          "unreadable-string", "wrong-command" (7 on the callback channel), "stray-result".
+//          "wrong-id" answers every Send in the name of "org.velna.someone.else".
 //   port-app
-//          message port "TALVO_APP_SDK_PORT_516": "result" "answer:<actionId>" with status
+//          the companion SDK on its message port: "result" "answer:<actionId>" with status
 //          "0"/"ok", in pieces of "chunk" bytes when given; "fault": "silent", "kill",
 //          "chunks-then-kill" ("first-", "second-", SIGKILL), "answer-and-exit", "flood"
 //          ("count" answers "flood-<i>"), "impersonate" (names "victim" in the answer)
+//   no-status
+//          message port "TALVO_APP_SDK_PORT_516" by hand: answers without "status_code"
+//   sdk, no-concepts, no-port
+//          the companion SDK trying its answer rules on every request, reporting what it
+//          said. Action "hold": keep the answer; when the client disconnects, send it and
+//          append "<client> <result>" to the file SDK_TEST_REPORT names. Other actions:
+//          "done:<actionId>" (or "size" bytes of 'x'), after "delay_ms" when given, with the
+//          results "wrong_kind" (a context sent), "reserved" (a protocol key added) and,
+//          from the second request on, "stale" (a send on the previous, ended answer).
+//          Contexts: the refusals "not_object" and "no_concepts", then one with "concepts"
+//          (padded to "size"). "no-concepts" answers a context without "concepts";
+//          "no-port" never starts serving.
 //   other  run the loop until SIGTERM
 // MP_TEST_PORT registers that message port: "cmd" "echo" answers to "reply_port" with
 // "sender" added, "send" sends "count" numbered messages of "size" bytes there;
@@ -25,6 +38,7 @@
 #include <message_port.h>
 #include <rpc-port.h>
 #include <signal.h>
+#include <talvo_companion.h>
 #include <unistd.h>
 #include <velna_main_loop.h>
 
@@ -125,27 +139,28 @@ struct Connection { std::vector<Delegate> delegates; std::string commands; };
 std::map<std::string, Connection> connections;
 const int kRegisterResult = atoi(Env("MESSAGE_TEST_APP_REGISTER_RESULT", "0").c_str());
 
-// A Callback parcel naming d, with the app's id unless the id is to be unreadable.
-void Invoke(rpc_port_h port, const Delegate &d, bool withId, bundle *b) {
-  Write(port, {1, d.id, d.seq}, withId ? std::vector<std::string>{kSelf} : std::vector<std::string>{}, b, &d.once);
+// A Callback parcel naming d, in the name of id (none: the id is unreadable).
+void Invoke(rpc_port_h port, const Delegate &d, const char *id, bundle *b) {
+  Write(port, {1, d.id, d.seq}, id ? std::vector<std::string>{id} : std::vector<std::string>{}, b, &d.once);
 }
 
 void LaxSend(const std::string &instance, rpc_port_h mainPort, bundle *msg) {
   Connection &connection = connections[instance];
   rpc_port_h callback = nullptr;
   rpc_port_stub_get_port(stub, RPC_PORT_PORT_CALLBACK, instance.c_str(), &callback);
-  std::stringstream steps(Get(msg, "do"));
+  const bool wrongId = mode == "wrong-id";
+  std::stringstream steps(wrongId ? "answer" : Get(msg, "do"));
   for (std::string step; std::getline(steps, step, ',');) {
     if (step == "stray-result") Write(mainPort, {0, 55});
     if (step == "wrong-command") Write(callback, {7});
     bundle *answer = bundle_create();
-    if (step == "unknown-seq") Invoke(callback, {1, 1000000, false}, true, answer);
+    if (step == "unknown-seq") Invoke(callback, {1, 1000000, false}, kSelf.c_str(), answer);
     bundle_add_str(answer, "result", Get(msg, "sample_result").c_str());
     bundle_add_str(answer, "commands", connection.commands.c_str());
     for (const Delegate &d : connection.delegates) {
-      if (step == "unreadable-string") Invoke(callback, d, false, nullptr);
+      if (step == "unreadable-string") Invoke(callback, d, nullptr, nullptr);
       for (long i = 0; step == "answer" && i < Number(msg, "count", 1); ++i)
-        Invoke(callback, d, true, answer);
+        Invoke(callback, d, wrongId ? "org.velna.someone.else" : kSelf.c_str(), answer);
     }
     bundle_free(answer);
   }
@@ -185,7 +200,7 @@ int OnLax(const char *, const char *instance, rpc_port_h port, void *) {
     if (mode == "exit-on-register") _exit(0);
     bundle *stray = bundle_create();
     bundle_add_str(stray, "result", "stray");
-    if (mode == "callback-first") Invoke(port, d, true, stray);
+    if (mode == "callback-first") Invoke(port, d, kSelf.c_str(), stray);
     bundle_free(stray);
   }
   if (command == 2 && mode == "setcb-stray") StartStrays(instance);
@@ -197,8 +212,9 @@ int OnLax(const char *, const char *instance, rpc_port_h port, void *) {
   return 0;
 }
 
-// The message-port companion of mode "port-app".
+// The message-port companions: "port-app" on the SDK, "no-status" by hand.
 const char kAppPort[] = "TALVO_APP_SDK_PORT_516";
+talvo_companion_h companion;
 
 void PortSend(const std::string &to, const std::vector<std::pair<std::string, std::string>> &strings,
               const std::string &piece = "", bool withPiece = false) {
@@ -210,42 +226,88 @@ void PortSend(const std::string &to, const std::vector<std::pair<std::string, st
   if (r < 0) fprintf(stderr, "test-app: answer to %s failed: %d\n", to.c_str(), r);
 }
 
-void OnPortRequest(int, const char *sender, const char *, bool, bundle *request, void *) {
-  if (!sender) return;
-  const std::string to = sender, fault = Get(request, "fault");
-  const std::string text = "answer:" + Get(request, "actionId");
-  const std::vector<std::pair<std::string, std::string>> status = {{"status_code", "0"}, {"status_msg", "ok"}};
-  if (fault == "silent") return;
+// Serves actions and contexts alike; a fault answers by hand or not at all.
+void OnPortRequest(const char *client, bundle *request, talvo_companion_answer_h answer, void *) {
+  const std::string to = client, fault = Get(request, "fault");
+  if (!fault.empty() && fault != "answer-and-exit") talvo_companion_answer_drop(answer);
   if (fault == "kill") raise(SIGKILL);
   if (fault == "chunks-then-kill") {
     PortSend(to, {{"last_chunk", "false"}}, "first-", true);
     PortSend(to, {{"last_chunk", "false"}}, "second-", true);
     raise(SIGKILL);
   }
-  if (fault == "flood") {
-    for (long i = 0; i < Number(request, "count", 1); ++i)
-      PortSend(to, {{"status_code", "0"}, {"result", "flood-" + std::to_string(i)}});
-    return;
-  }
+  for (long i = 0; fault == "flood" && i < Number(request, "count", 1); ++i)
+    PortSend(to, {{"status_code", "0"}, {"result", "flood-" + std::to_string(i)}});
   if (fault == "impersonate") {
     std::string victim = Get(request, "victim");
     PortSend(to, {{"status_code", "0"}, {"result", "impersonated"}, {"appId", victim},
                   {"sender", victim}, {"remote_app_id", victim}});
+  }
+  if (!fault.empty() && fault != "answer-and-exit") return;
+  talvo_companion_set_chunk_size(companion, size_t(Number(request, "chunk", TALVO_COMPANION_DEFAULT_CHUNK_SIZE)));
+  talvo_companion_answer_set_status(answer, "0", "ok");
+  talvo_companion_answer_send_result(answer, ("answer:" + Get(request, "actionId")).c_str());
+  if (fault == "answer-and-exit") _exit(0);
+}
+
+// A whole answer with "result" (or "appContext") but no status.
+void OnNoStatus(int, const char *sender, const char *, bool, bundle *request, void *) {
+  const bool context = Get(request, "type") == "PunchIn";
+  if (sender) PortSend(sender, {{context ? "appContext" : "result", context ? "{\"concepts\":[]}" : "ok"}});
+}
+
+// The SDK app of modes "sdk", "no-concepts" and "no-port".
+talvo_companion_answer_h held, previous;
+
+void Note(talvo_companion_answer_h answer, const char *key, int code) {
+  talvo_companion_answer_add_str(answer, key, std::to_string(code).c_str());
+}
+
+void OnSdkAction(const char *, bundle *request, talvo_companion_answer_h answer, void *) {
+  std::string action = Get(request, "actionId");
+  if (action == "hold") {
+    held = answer;
     return;
   }
-  size_t chunk = size_t(Number(request, "chunk", 0));
-  if (chunk == 0) {
-    auto answer = status;
-    answer.push_back({"result", text});
-    PortSend(to, answer);
+  Note(answer, "wrong_kind", talvo_companion_answer_send_context(answer, "{\"concepts\":1}"));
+  Note(answer, "reserved", talvo_companion_answer_add_str(answer, "status_code", "x"));
+  if (previous) Note(answer, "stale", talvo_companion_answer_send_result(previous, "again"));
+  previous = answer;
+
+  std::string size = Get(request, "size");
+  std::string text = size.empty() ? "done:" + action : std::string(std::stoul(size), 'x');
+  if (Number(request, "delay_ms", 0) == 0) {
+    talvo_companion_answer_send_result(answer, text.c_str());
+    return;
   }
-  for (size_t at = 0; chunk > 0 && at < text.size(); at += chunk) {
-    bool last = at + chunk >= text.size();
-    auto strings = last ? status : decltype(status){};
-    strings.push_back({"last_chunk", last ? "true" : "false"});
-    PortSend(to, strings, text.substr(at, chunk), true);
+  using Late = std::pair<talvo_companion_answer_h, std::string>;
+  g_timeout_add(guint(Number(request, "delay_ms", 0)), [](gpointer data) {
+    auto *late = static_cast<Late *>(data);
+    talvo_companion_answer_send_result(late->first, late->second.c_str());
+    delete late;
+    return gboolean(G_SOURCE_REMOVE);
+  }, new Late{answer, text});
+}
+
+void OnSdkContext(const char *, bundle *request, talvo_companion_answer_h answer, void *) {
+  if (mode == "no-concepts") {
+    talvo_companion_answer_send_context_unchecked(answer, "{\"screen\":\"home\"}");
+    return;
   }
-  if (fault == "answer-and-exit") _exit(0);
+  Note(answer, "not_object", talvo_companion_answer_send_context(answer, "[1]"));
+  Note(answer, "no_concepts", talvo_companion_answer_send_context(answer, "{\"screen\":1}"));
+  std::string pad(size_t(Number(request, "size", 0)), 'y');
+  talvo_companion_answer_send_context(answer, ("{\"concepts\":[],\"pad\":\"" + pad + "\"}").c_str());
+}
+
+void OnSdkDisconnected(const char *client, void *) {
+  if (!held) return;
+  int r = talvo_companion_answer_send_result(held, "too late");
+  if (FILE *report = fopen(getenv("SDK_TEST_REPORT"), "a")) {
+    fprintf(report, "%s %d\n", client, r);
+    fclose(report);
+  }
+  held = nullptr;
 }
 
 }  // namespace
@@ -261,7 +323,15 @@ int main(int argc, char **argv) {
   if (velna_main_loop_init() < 0) return 1;
   g_unix_signal_add(SIGTERM, [](gpointer) { velna_main_loop_quit(); return gboolean(G_SOURCE_REMOVE); }, nullptr);
 
-  if (mode == "port-app" && message_port_register_local_port(kAppPort, OnPortRequest, nullptr) <= 0) return 1;
+  const bool portApp = mode == "port-app";
+  if (portApp || mode == "sdk" || mode == "no-concepts" || mode == "no-port") {
+    if (talvo_companion_create(portApp ? OnPortRequest : OnSdkAction, portApp ? OnPortRequest : OnSdkContext,
+                               nullptr, &companion) != 0)
+      return 1;
+    talvo_companion_set_disconnected_cb(companion, OnSdkDisconnected, nullptr);
+    if (mode != "no-port" && talvo_companion_start(companion) != 0) return 1;
+  }
+  if (mode == "no-status" && message_port_register_local_port(kAppPort, OnNoStatus, nullptr) <= 0) return 1;
   std::string port = Env("MP_TEST_PORT");
   if (!port.empty() && message_port_register_local_port(port.c_str(), OnMessage, nullptr) <= 0) return 1;
   std::string to = Env("MP_TEST_SEND_TO");
@@ -269,12 +339,13 @@ int main(int argc, char **argv) {
 
   bool echo = mode == "echo";
   if (echo || mode == "lax" || mode == "callback-first" || mode == "exit-on-register" ||
-      mode.rfind("setcb-", 0) == 0) {
+      mode == "wrong-id" || mode.rfind("setcb-", 0) == 0) {
     if (rpc_port_stub_create(&stub, echo ? "echo" : "message") != 0) return 1;
     rpc_port_stub_add_received_event_cb(stub, echo ? OnEcho : OnLax, nullptr);
     if (rpc_port_stub_listen(stub) != 0) return 1;
   }
   int r = velna_main_loop_run();
   if (stub) rpc_port_stub_destroy(stub);
+  talvo_companion_destroy(companion);
   return r == 0 ? 0 : 1;
 }
