@@ -21,6 +21,15 @@
 #include <string>
 #include <vector>
 
+// Under callgrind (--collect-atstart=no), only the measured runs are counted, so that
+// instructions per operation are the total divided by the count.
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#define BENCH_COLLECT_TOGGLE() CALLGRIND_TOGGLE_COLLECT
+#else
+#define BENCH_COLLECT_TOGGLE() ((void)0)
+#endif
+
 namespace bench {
 
 using Clock = std::chrono::steady_clock;
@@ -101,14 +110,17 @@ bool Measure(const std::string &name, int warmup, int count, Op op,
     }
   Samples samples{size_t(count)};
   samples.Start();
+  BENCH_COLLECT_TOGGLE();
   for (int i = 0; i < count; i++) {
     Clock::time_point t0 = Clock::now();
     if (!op()) {
+      BENCH_COLLECT_TOGGLE();
       fprintf(stderr, "%s: failed after %d runs\n", name.c_str(), i);
       return false;
     }
     samples.Add(Since(t0));
   }
+  BENCH_COLLECT_TOGGLE();
   samples.Report(name, extra);
   return true;
 }

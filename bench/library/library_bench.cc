@@ -1,9 +1,10 @@
 // The library's round trip through its exported functions to running companion apps,
 // each figure beside the platform transport alone doing the same exchange in the same
 // run. Modes (the first argument):
-//   roundtrip [FILTER]
+//   roundtrip [FILTER [N]]
 //               action round trip, message port and rpc-port, 256 B and 16 KiB payloads;
-//               only the measurements whose name holds FILTER (for profiling one of them)
+//               only the measurements whose name holds FILTER, N round trips each (for
+//               profiling one of them, for instance under callgrind)
 //   big         an answer of 1, 16 and 64 MiB in 1 MiB pieces over the message port
 //   scale [MAX] 1, 10, 100, 500 (up to MAX) rpc-port apps connected; requests round-robin
 //               and all to one app; client RSS and descriptors
@@ -204,14 +205,14 @@ class RpcEcho {
   int received_ = 0;
 };
 
-int RoundTrips(const std::string &filter) {
+int RoundTrips(const std::string &filter, int count) {
   Setup setup(1);
   if (!setup.ok() || !setup.StartPortApp() || !setup.ConnectRpcApps(0, 1)) return 1;
   RpcEcho echo(RpcApp(0));
   if (!echo.ok()) return 1;
   for (size_t size : {size_t(256), size_t(16384)}) {
     const std::string tag = size == 256 ? "256B" : "16KiB";
-    const int n = size == 256 ? 20000 : 5000;
+    const int n = count > 0 ? count : size == 256 ? 20000 : 5000;
     bundle *request = Request(size);
     auto measure = [&](const std::string &name, auto op) {
       if (name.find(filter) != std::string::npos) Measure(name, 200, n, op);
@@ -309,10 +310,10 @@ int Rss(int n) {
 int main(int argc, char **argv) {
   const std::string mode = argc > 1 ? argv[1] : "roundtrip";
   const int arg = argc > 2 ? atoi(argv[2]) : 0;
-  if (mode == "roundtrip") return RoundTrips(argc > 2 ? argv[2] : "");
+  if (mode == "roundtrip") return RoundTrips(argc > 2 ? argv[2] : "", argc > 3 ? atoi(argv[3]) : 0);
   if (mode == "big") return BigAnswers();
   if (mode == "scale") return Scale(arg > 0 ? arg : 500);
   if (mode == "rss") return Rss(arg > 0 ? arg : 100000);
-  fprintf(stderr, "usage: %s roundtrip [FILTER] | big | scale [MAX] | rss [N]\n", argv[0]);
+  fprintf(stderr, "usage: %s roundtrip [FILTER [N]] | big | scale [MAX] | rss [N]\n", argv[0]);
   return 2;
 }

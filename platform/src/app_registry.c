@@ -87,10 +87,17 @@ static void cache_entry_free(gpointer data)
         g_free(entry);
 }
 
-static char *apps_dir(void)
+/* Borrowed: from the environment or the installation, valid until VELNA_APPS_DIR
+ * changes. */
+static const char *apps_dir_borrowed(void)
 {
         const char *env = velna_env_get(&apps_dir_env);
-        return g_strdup(env && *env ? env : velna_default_apps_dir());
+        return env && *env ? env : velna_default_apps_dir();
+}
+
+static char *apps_dir(void)
+{
+        return g_strdup(apps_dir_borrowed());
 }
 
 /* File times have the kernel's coarse granularity: two writes within one tick may leave
@@ -386,12 +393,23 @@ int velna_manifest_load(const char *app_id, const velna_manifest **out)
         if (!velna_app_id_is_valid(app_id) || !out)
                 return -EINVAL;
 
-        char *dir = apps_dir();
-        char *path = g_strdup_printf("%s/%s.app", dir, app_id);
+        /* Every request looks up two or three manifests: the path is put together on
+         * the stack unless the directory's name is unusually long. */
+        const char *dir = apps_dir_borrowed();
+        size_t dir_len = strlen(dir), id_len = strlen(app_id);
+        char stack[512];
+        char *path = stack;
+        if (dir_len + id_len + sizeof "/.app" > sizeof stack)
+                path = g_malloc(dir_len + id_len + sizeof "/.app");
+        memcpy(path, dir, dir_len);
+        path[dir_len] = '/';
+        memcpy(path + dir_len + 1, app_id, id_len);
+        memcpy(path + dir_len + 1 + id_len, ".app", sizeof ".app");
+
         manifest_box *box = NULL;
         int r = manifest_load_path(app_id, dir, path, &box);
-        g_free(path);
-        g_free(dir);
+        if (path != stack)
+                g_free(path);
         if (r < 0)
                 return r;
 

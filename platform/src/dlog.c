@@ -157,6 +157,126 @@ static inline bool line_dropped(log_priority prio)
                !__atomic_load_n(&capture_installed, __ATOMIC_ACQUIRE);
 }
 
+/* Appends the decimal digits of v (negative when neg) at out; returns the count. */
+static size_t put_decimal(char *out, unsigned long long v, bool neg)
+{
+        char digits[24];
+        size_t n = 0;
+        do {
+                digits[n++] = (char)('0' + v % 10);
+                v /= 10;
+        } while (v);
+        size_t len = 0;
+        if (neg)
+                out[len++] = '-';
+        while (n)
+                out[len++] = digits[--n];
+        return len;
+}
+
+/* The lines this system prints use %s, %d, %u, %c and %%, with l, ll or z at most; glibc's
+ * vsnprintf costs more to set up than such a line takes to write. This formats them into
+ * buf and returns the length, the same text vsnprintf gives. -1, with nothing promised
+ * about buf, when fmt uses anything else or the text does not fit: the caller then uses
+ * vsnprintf with its own copy of the arguments. */
+static int format_plain(char *buf, size_t room, const char *fmt, va_list ap)
+{
+        size_t len = 0;
+        for (const char *f = fmt; *f; f++) {
+                if (*f != '%') {
+                        if (len + 1 >= room)
+                                return -1;
+                        buf[len++] = *f;
+                        continue;
+                }
+                f++;
+                int longs = 0;
+                bool size = false;
+                if (*f == 'z') {
+                        size = true;
+                        f++;
+                } else {
+                        while (*f == 'l' && longs < 2) {
+                                longs++;
+                                f++;
+                        }
+                }
+                if (*f == '%' && !size && !longs) {
+                        if (len + 1 >= room)
+                                return -1;
+                        buf[len++] = '%';
+                        continue;
+                }
+                if (len + 24 >= room)
+                        return -1;
+                switch (*f) {
+                case 's': {
+                        if (size || longs)
+                                return -1;
+                        const char *str = va_arg(ap, const char *);
+                        if (!str)
+                                str = "(null)";
+                        size_t n = strlen(str);
+                        if (len + n >= room)
+                                return -1;
+                        memcpy(buf + len, str, n);
+                        len += n;
+                        break;
+                }
+                case 'c':
+                        if (size || longs)
+                                return -1;
+                        buf[len++] = (char)va_arg(ap, int);
+                        break;
+                case 'd':
+                case 'i': {
+                        long long v = size ? (long long)va_arg(ap, ssize_t) :
+                                      longs == 2 ? va_arg(ap, long long) :
+                                      longs == 1 ? va_arg(ap, long) : va_arg(ap, int);
+                        unsigned long long mag = v < 0 ? 0ULL - (unsigned long long)v :
+                                                         (unsigned long long)v;
+                        len += put_decimal(buf + len, mag, v < 0);
+                        break;
+                }
+                case 'u': {
+                        unsigned long long v = size ? va_arg(ap, size_t) :
+                                               longs == 2 ? va_arg(ap, unsigned long long) :
+                                               longs == 1 ? va_arg(ap, unsigned long) :
+                                                            va_arg(ap, unsigned);
+                        len += put_decimal(buf + len, v, false);
+                        break;
+                }
+                default:
+                        return -1;
+                }
+        }
+        buf[len] = '\0';
+        return (int)len;
+}
+
+/* "<L>/<TAG>(<pid>): " into buf (room bytes, at least 32); a tag too long for it is
+ * cut so that the prefix takes at most room - 1 bytes. Returns its length. */
+static size_t put_prefix(char *buf, size_t room, char letter, const char *tag, pid_t pid)
+{
+        char tail[32];
+        tail[0] = '(';
+        size_t t = 1 + put_decimal(tail + 1, (unsigned long long)pid, false);
+        memcpy(tail + t, "): ", 3);
+        t += 3;
+
+        size_t len = 0;
+        buf[len++] = letter;
+        buf[len++] = '/';
+        size_t tag_len = strlen(tag);
+        if (len + tag_len > room - 1)
+                tag_len = room - 1 - len;
+        memcpy(buf + len, tag, tag_len);
+        len += tag_len;
+        size_t rest = room - 1 - len < t ? room - 1 - len : t;
+        memcpy(buf + len, tail, rest);
+        return len + rest;
+}
+
 int dlog_vprint(log_priority prio, const char *tag, const char *fmt, va_list ap)
 {
         if (!fmt || prio < DLOG_UNKNOWN || prio > DLOG_FATAL)
@@ -173,26 +293,28 @@ int dlog_vprint(log_priority prio, const char *tag, const char *fmt, va_list ap)
          * formatted once where it fits; a longer one gets a buffer of its own. */
         pthread_once(&pid_once, pid_init);
         char stack[DLOG_STACK_MESSAGE];
-        int plen = snprintf(stack, sizeof(stack) / 4, "%c/%s(%d): ", priority_letter(effective),
-                            tag, (int)cached_pid);
-        if (plen < 0)
-                return -EINVAL;
-        if ((size_t)plen >= sizeof(stack) / 4)
-                plen = sizeof(stack) / 4 - 1;
+        size_t plen = put_prefix(stack, sizeof(stack) / 4, priority_letter(effective), tag,
+                                 cached_pid);
 
         char *line = stack;
-        size_t room = sizeof(stack) - (size_t)plen;
-        va_list again;
-        va_copy(again, ap);
-        int n = vsnprintf(stack + plen, room, fmt, ap);
-        if (n >= 0 && (size_t)n >= room) {
-                line = malloc((size_t)plen + (size_t)n + 1);
-                if (line) {
-                        memcpy(line, stack, (size_t)plen);
-                        vsnprintf(line + plen, (size_t)n + 1, fmt, again);
+        size_t room = sizeof(stack) - plen;
+        va_list plain;
+        va_copy(plain, ap);
+        int n = format_plain(stack + plen, room, fmt, plain);
+        va_end(plain);
+        if (n < 0) {
+                va_list again;
+                va_copy(again, ap);
+                n = vsnprintf(stack + plen, room, fmt, ap);
+                if (n >= 0 && (size_t)n >= room) {
+                        line = malloc(plen + (size_t)n + 1);
+                        if (line) {
+                                memcpy(line, stack, plen);
+                                vsnprintf(line + plen, (size_t)n + 1, fmt, again);
+                        }
                 }
+                va_end(again);
         }
-        va_end(again);
         if (n < 0 || !line)
                 return n < 0 ? -EINVAL : -ENOMEM;
 
@@ -202,13 +324,13 @@ int dlog_vprint(log_priority prio, const char *tag, const char *fmt, va_list ap)
         int r = 0;
         if (print) {
                 size_t body = (size_t)n;
-                size_t limit = DLOG_LINE_MAX - (size_t)plen - sizeof(DLOG_CUT_MARK);
+                size_t limit = DLOG_LINE_MAX - plen - sizeof(DLOG_CUT_MARK);
                 if (body > limit) {
                         memcpy(message + limit, DLOG_CUT_MARK, sizeof(DLOG_CUT_MARK) - 1);
-                        r = write_line(line, (size_t)plen + limit + sizeof(DLOG_CUT_MARK) - 1);
+                        r = write_line(line, plen + limit + sizeof(DLOG_CUT_MARK) - 1);
                 } else {
                         message[body] = '\n'; /* over the terminating NUL */
-                        r = write_line(line, (size_t)plen + body + 1);
+                        r = write_line(line, plen + body + 1);
                 }
         }
 

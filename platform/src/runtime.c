@@ -304,21 +304,22 @@ static bool socket_kind_is_valid(const char *kind)
         return true;
 }
 
+/* One pass over the id, no locale: it runs several times on every request. */
 bool velna_app_id_is_valid(const char *app_id)
 {
         if (!app_id)
                 return false;
-        size_t len = strnlen(app_id, 256);
-        if (len == 0 || len > 255)
-                return false;
-        if (strcmp(app_id, ".") == 0 || strcmp(app_id, "..") == 0)
-                return false;
-        for (size_t i = 0; i < len; i++) {
-                unsigned char c = (unsigned char)app_id[i];
-                if (!(isascii(c) && isalnum(c)) && c != '.' && c != '_' && c != '-')
+        size_t len = 0;
+        for (; len < 256 && app_id[len]; len++) {
+                unsigned char c = (unsigned char)app_id[len];
+                bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                          (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
+                if (!ok)
                         return false;
         }
-        return true;
+        if (len == 0 || len > 255)
+                return false;
+        return !(app_id[0] == '.' && (len == 1 || (len == 2 && app_id[1] == '.')));
 }
 
 int velna_runtime_dir(char **path)
