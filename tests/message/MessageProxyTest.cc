@@ -2,7 +2,6 @@
 // (mode "sdk") and the test app serving the interface by hand (the other modes).
 
 #include <gtest/gtest.h>
-#include <rpc-port.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
@@ -244,29 +243,6 @@ TEST_F(MessageProxy, OnlyRegisteredDelegatesHearTheirInvocationsAndAOnceDelegate
   EXPECT_EQ(many->payloads, (Strings{"p", "p", "q"}));
   EXPECT_TRUE(HasProxyLine("OnReceivedEvent", "Failed to read the id of callback 1::1, dropped"))
       << log.dump();
-}
-
-// A peer that does not speak the interface loses its connection to a companion app.
-TEST_F(MessageProxy, CompanionSdkClosesAConnectionThatSendsAnUnknownCommand) {
-  Install(kAppId, "", "sdk");
-  rpc_port_proxy_h raw = nullptr;
-  ASSERT_EQ(rpc_port_proxy_create(&raw), 0);
-  rpc_port_h port = nullptr;
-  rpc_port_proxy_add_connected_event_cb(
-      raw, [](const char *, const char *, rpc_port_h p, void *out) { *static_cast<rpc_port_h *>(out) = p; },
-      &port);
-  rpc_port_proxy_add_disconnected_event_cb(
-      raw, [](const char *, const char *, void *out) { *static_cast<rpc_port_h *>(out) = nullptr; }, &port);
-  ASSERT_EQ(rpc_port_proxy_connect(raw, kAppId, "message"), 0);
-  ASSERT_TRUE(RunLoopUntil([&] { return port != nullptr; }, kConnectMs));
-
-  rpc_port_parcel_h parcel = nullptr;
-  rpc_port_parcel_create(&parcel);
-  rpc_port_parcel_write_int32(parcel, 9);
-  rpc_port_parcel_send(parcel, port);
-  rpc_port_parcel_destroy(parcel);
-  EXPECT_TRUE(RunLoopUntil([&] { return port == nullptr; }, 5000));
-  rpc_port_proxy_destroy(raw);
 }
 
 }  // namespace
