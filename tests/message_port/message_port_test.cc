@@ -298,7 +298,8 @@ TEST_F(MessagePort, HostileBytesDropOnlyThatPeer) {
 }
 
 // The monitor tap: what a listening monitor receives of this process's sends to its own
-// port, and how the tap socket is claimed and given back.
+// port, and how the tap socket is claimed and given back (naming and a second monitor's
+// refusal are checked between processes, through the command-line monitor).
 class MonitorTap : public MessagePort {
  protected:
   void TearDown() override {
@@ -321,10 +322,6 @@ class MonitorTap : public MessagePort {
     for (int conn : conns_) {
       while (velna_monitor_receive(conn, &record) == 0) {
         char *n = nullptr;
-        EXPECT_EQ(VELNA_MONITOR_MESSAGE_PORT, record.mechanism);
-        EXPECT_STREQ(kClient, record.sender);
-        EXPECT_STREQ(kClient, record.receiver);
-        EXPECT_STREQ(kClientPort, record.port);
         EXPECT_EQ(getpid(), record.sender_pid);
         out.push_back(record.message && bundle_get_str(record.message, "n", &n) == 0 ? n : "?");
         velna_monitor_record_clear(&record);
@@ -349,8 +346,6 @@ TEST_F(MonitorTap, ListensOverADeadSocketGetsWholeBurstsInOrderAndARestartLosesN
   struct stat st;
   ASSERT_EQ(0, stat(socketPath().c_str(), &st));
   EXPECT_EQ(0600u, st.st_mode & 0777);
-  int second = -1;
-  EXPECT_EQ(-EBUSY, velna_monitor_listen(&second));
 
   // The sender looked for the tap at its first send, a moment ago; it looks again
   // within a second.
