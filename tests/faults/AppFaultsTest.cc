@@ -75,16 +75,13 @@ class AppFaults : public ::testing::Test {
   void TearDown() override { talvo_proxy_deinitialize(); }
 
   // An app served by the shared test app in mode, over the message port (sdk "1.0-alpha")
-  // or rpc-port; or by the rpc-port sample companion.
-  void installTestApp(const std::string &appId, const std::string &mode, bool rpc) {
-    install(appId, std::string(TEST_APP) + " " + mode, "1.0.0", rpc ? "1.1.0" : "1.0-alpha");
-  }
-  void installRpcSample(const std::string &appId) { install(appId, RPC_COMPANION_EXEC, "1.1.0", "1.1.0"); }
-  void install(const std::string &appId, const std::string &exec, const char *version, const char *sdk) {
+  // or rpc-port; or, without a mode, by the rpc-port sample companion.
+  void install(const std::string &appId, const std::string &mode = "", bool rpc = true) {
     const std::string key = kMetaKey;
+    const std::string exec = mode.empty() ? RPC_COMPANION_EXEC : std::string(TEST_APP) + " " + mode;
     env.install({appId, appId, "", exec, "",
-                 {{key + "companion-app/version", version}, {key + "companion-app/capsule-id", "fault.capsule"},
-                  {key + "sdk/version", sdk}}});
+                 {{key + "companion-app/version", "1.0.0"}, {key + "companion-app/capsule-id", "fault.capsule"},
+                  {key + "sdk/version", rpc ? "1.1.0" : "1.0-alpha"}}});
     used.push_back(appId);
   }
 
@@ -115,11 +112,11 @@ class AppFaults : public ::testing::Test {
       return OpenFds() <= fdsBefore && ipc->clientsMap.empty() && ipc->appLaunchInfoMap.empty() &&
              ipc->appFocusedInfoMap.empty();
     };
-    RunLoopUntil(settled, 5000);
-    EXPECT_LE(OpenFds(), fdsBefore);  // fewer when the test closed something (the bus)
-    EXPECT_TRUE(ipc->clientsMap.empty());
-    EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
-    EXPECT_TRUE(ipc->appFocusedInfoMap.empty());
+    // Fewer descriptors when the test closed something (the bus).
+    EXPECT_TRUE(RunLoopUntil(settled, 5000))
+        << OpenFds() << " descriptors, " << fdsBefore << " before; records: " << ipc->clientsMap.size()
+        << " clients, " << ipc->appLaunchInfoMap.size() << " launch waits, "
+        << ipc->appFocusedInfoMap.size() << " focus waits";
   }
 
   BusFixture bus;
@@ -155,7 +152,7 @@ struct LoopGaps {
 // The shared result buffer keeps what an interrupted chunked answer brought, so the next
 // chunked answer of the same kind starts with those bytes; the one after it is whole.
 TEST_F(AppFaults, PortAppKilledDuringItsAnswerLeavesOnlyItsBytesInTheSharedBuffer) {
-  installTestApp(kPort, "port-app", false);
+  install(kPort, "port-app", false);
   ASSERT_EQ(0, act(kPort, "halfway", {{"actionId", "a2"}, {"fault", "chunks-then-kill"}}));
   ASSERT_TRUE(RunLoopUntil([&] { return log->count("Request Execution Result Recieved from") >= 2; }, 10000))
       << log->dump();
@@ -182,10 +179,10 @@ TEST_F(AppFaults, SetCbWithoutItsResultHoldsTheLoopNoLongerThanTheReadDeadline) 
   setenv("VELNA_RPC_TIMEOUT_MS", "1500", 1);
   const std::string silent = "org.velna.test.fault.silent", stray = "org.velna.test.fault.stray",
                     exits = "org.velna.test.fault.exits";
-  installTestApp(silent, "setcb-silent", true);
-  installTestApp(stray, "setcb-stray", true);
-  installTestApp(exits, "exit-on-register", true);
-  installRpcSample(kRpc);
+  install(silent, "setcb-silent", true);
+  install(stray, "setcb-stray", true);
+  install(exits, "exit-on-register", true);
+  install(kRpc);
 
   LoopGaps gaps;
   for (const std::string &app : {silent, stray, exits}) ASSERT_EQ(0, act(app, app, {{"actionId", "a"}}));
@@ -209,7 +206,7 @@ TEST_F(AppFaults, SetCbWithoutItsResultHoldsTheLoopNoLongerThanTheReadDeadline) 
 }
 
 TEST_F(AppFaults, AnAppThatAnswersAndExitsAtOnceIsHeardTwentyTimesOutOfTwenty) {
-  installTestApp(kPort, "port-app", false);
+  install(kPort, "port-app", false);
   for (int i = 0; i < 20; ++i) {
     std::string action = "n" + std::to_string(i);
     ASSERT_EQ(0, act(kPort, action, {{"actionId", action}, {"fault", "answer-and-exit"}}));
@@ -226,7 +223,7 @@ TEST_F(AppFaults, AnAppThatAnswersAndExitsAtOnceIsHeardTwentyTimesOutOfTwenty) {
 }
 
 TEST_F(AppFaults, FloodOfAHundredThousandAnswersReachesTheCallbackOnceAndThenTheNextRequest) {
-  installTestApp(kPort, "port-app", false);
+  install(kPort, "port-app", false);
   // Every line is seen by the capture; only the count of handed-on answers is kept.
   int handedOn = 0;
   log->probe = [&](const std::string &message) {
@@ -248,13 +245,13 @@ TEST_F(AppFaults, FiftyRunningAppsOfBothMechanismsAnswerRequestsInFlightAtOnce) 
   std::vector<std::string> apps;
   for (int i = 0; i < 25; ++i) {
     apps.push_back(kPort + std::to_string(i));
-    installTestApp(apps.back(), "port-app", false);
+    install(apps.back(), "port-app", false);
     ASSERT_TRUE(env.launch(apps.back(), "TALVO_APP_SDK_PORT_516")) << apps.back();
   }
   // Connected first, one by one: cold launches of both mechanisms share one field.
   for (int i = 0; i < 25; ++i) {
     apps.push_back(kRpc + std::to_string(i));
-    installRpcSample(apps.back());
+    install(apps.back());
     ASSERT_EQ(0, act(apps.back(), "warm-up", {{"actionId", "warmUp"}}));
     ASSERT_TRUE(waitCalls(size_t(i) + 1, 10000)) << apps.back() << "\n" << log->dump();
   }
@@ -269,7 +266,7 @@ TEST_F(AppFaults, FiftyRunningAppsOfBothMechanismsAnswerRequestsInFlightAtOnce) 
 
 // A bus that went away: the focus query fails at once, and requests to apps still work.
 TEST_F(AppFaults, FocusQueryAnswersNullAtOnceWithoutABus) {
-  installTestApp(kPort, "port-app", false);
+  install(kPort, "port-app", false);
   bus.kill();
   RunLoopFor(500);  // the connection learns that the bus is gone
   const int64_t start = NowMs();
@@ -287,8 +284,8 @@ TEST_F(AppFaults, FocusQueryAnswersNullAtOnceWithoutABus) {
 
 TEST_F(AppFaults, SenderIdWrittenIntoAMessageIsNeverBelieved) {
   const std::string victim = "org.velna.test.fault.victim";
-  installTestApp(kPort, "port-app", false);
-  installTestApp(victim, "port-app", false);
+  install(kPort, "port-app", false);
+  install(victim, "port-app", false);
   ASSERT_EQ(0, act(victim, "victim", {{"actionId", "v"}, {"fault", "silent"}}));
   ASSERT_TRUE(RunLoopUntil([&] { return Running(victim) && log->has("Sent app launch request"); }, 5000));
   ASSERT_TRUE(RunLoopUntil([&] { return TalvoProxyIpc::getInstance()->appLaunchInfoMap.empty(); }, 10000));

@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -103,12 +103,7 @@ std::string Join(char **buffer, size_t pieces, size_t piece) {
 
 long ResidentMiB() {
   long pages = 0, resident = 0;
-  FILE *f = fopen("/proc/self/statm", "r");
-  if (f) {
-    if (fscanf(f, "%ld %ld", &pages, &resident) != 2)
-      resident = 0;
-    fclose(f);
-  }
+  std::ifstream("/proc/self/statm") >> pages >> resident;
   return resident * sysconf(_SC_PAGESIZE) / (1024 * 1024);
 }
 
