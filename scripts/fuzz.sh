@@ -14,7 +14,7 @@ seconds=${1:-600}
 shift || true
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-  targets=(bundle_decode channel_frame message_callback chunk_assembly state_envelope manifest)
+  targets=(bundle_decode channel_frame answer manifest)
 fi
 build=build-fuzz-clang
 

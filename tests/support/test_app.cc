@@ -14,7 +14,7 @@
 //          "wrong-id" answers every Send in the name of "org.velna.someone.else".
 //   port-app
 //          the companion SDK on its message port: "result" "answer:<actionId>" with status
-//          "0"/"ok", in pieces of "chunk" bytes when given; "fault": "silent", "kill",
+//          "0"/"ok", in pieces of "chunk" bytes when given; "fault": "silent",
 //          "chunks-then-kill" ("first-", "second-", SIGKILL), "answer-and-exit", "flood"
 //          ("count" answers "flood-<i>"), "impersonate" (names "victim" in the answer)
 //   no-status
@@ -230,7 +230,6 @@ void PortSend(const std::string &to, const std::vector<std::pair<std::string, st
 void OnPortRequest(const char *client, bundle *request, talvo_companion_answer_h answer, void *) {
   const std::string to = client, fault = Get(request, "fault");
   if (!fault.empty() && fault != "answer-and-exit") talvo_companion_answer_drop(answer);
-  if (fault == "kill") raise(SIGKILL);
   if (fault == "chunks-then-kill") {
     PortSend(to, {{"last_chunk", "false"}}, "first-", true);
     PortSend(to, {{"last_chunk", "false"}}, "second-", true);
