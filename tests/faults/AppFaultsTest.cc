@@ -1,8 +1,5 @@
-// A client process that uses the library through its exported functions while apps die,
-// stall, flood or lie, and while the platform goes away; a private bus, the window-manager
-// simulator and the apps are real processes. Every test ends with finish(), which ends the
-// apps it used and checks what the faults must not leave behind: descriptors, and records
-// in the library's registries.
+// The library's exported functions while apps die, stall, flood or lie and the bus goes
+// away; bus, window-manager simulator and apps are real processes.
 #include <app_info.h>
 #include <app_manager.h>
 #include <glib.h>
@@ -85,8 +82,7 @@ class AppFaults : public ::testing::Test {
     used.push_back(appId);
   }
 
-  // An action request whose callback records under label; the request stays alive for
-  // the test.
+  // An action whose callback records under label; the fixture owns the request.
   int act(const std::string &appId, const std::string &label,
           const std::vector<std::pair<std::string, std::string>> &entries) {
     requests.push_back(std::make_unique<Request>(Request{&calls, label}));
@@ -103,8 +99,7 @@ class AppFaults : public ::testing::Test {
     return arrived && calls.all.size() == n;
   }
 
-  // Ends the apps the test used, then checks that descriptors came back and that no
-  // registry keeps a record.
+  // Ends the test's apps; no descriptor and no registry record may stay behind.
   void finish() {
     for (const std::string &appId : used) app_manager_terminate_app(appId.c_str());
     TalvoProxyIpc *ipc = TalvoProxyIpc::getInstance();
