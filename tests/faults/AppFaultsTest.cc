@@ -71,8 +71,7 @@ class AppFaults : public ::testing::Test {
   }
   void TearDown() override { talvo_proxy_deinitialize(); }
 
-  // An app served by the shared test app in mode, over the message port (sdk "1.0-alpha")
-  // or rpc-port; or, without a mode, by the rpc-port sample companion.
+  // The test app in mode over either mechanism; without a mode, the rpc-port sample companion.
   void install(const std::string &appId, const std::string &mode = "", bool rpc = true) {
     const std::string key = kMetaKey;
     const std::string exec = mode.empty() ? RPC_COMPANION_EXEC : std::string(TEST_APP) + " " + mode;
@@ -165,11 +164,9 @@ TEST_F(AppFaults, PortAppKilledDuringItsAnswerLeavesOnlyItsBytesInTheSharedBuffe
   finish();
 }
 
-// Three apps that never deliver the SetCB result: one silent, one that chatters on the
-// main channel meanwhile, one that exits. The deadline runs from the start of each wait,
-// so the loop is never held much longer than VELNA_RPC_TIMEOUT_MS. The two that stay get
-// the launch wait's failure answer once, after its 10 s; the one that left loses its
-// connection, and a lost connection drops its waiting request without an answer.
+// The read deadline runs from the start of each wait, so a chattering app cannot stretch
+// it. Apps that stay get the launch wait's failure after its 10 s; a lost connection drops
+// its waiting request without an answer.
 TEST_F(AppFaults, SetCbWithoutItsResultHoldsTheLoopNoLongerThanTheReadDeadline) {
   setenv("VELNA_RPC_TIMEOUT_MS", "1500", 1);
   const std::string silent = "org.velna.test.fault.silent", stray = "org.velna.test.fault.stray",
@@ -270,7 +267,6 @@ TEST_F(AppFaults, FocusQueryAnswersNullAtOnceWithoutABus) {
   EXPECT_TRUE(log->has("g_dbus_connection_call_sync() failed")) << log->dump();
   EXPECT_EQ(nullptr, talvo_proxy_get_focused_app_id());
 
-  // The port app is still served: a new action gets its one answer.
   ASSERT_EQ(0, act(kPort, "next", {{"actionId", "a"}}));
   ASSERT_TRUE(settle(1)) << log->dump();
   EXPECT_EQ("answer:a", calls.all.back().str("result"));

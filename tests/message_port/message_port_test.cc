@@ -298,7 +298,6 @@ class MonitorTap : public MessagePort {
 
   std::string socketPath() const { return env_.runtimeDir() + "/monitor"; }
 
-  // Sends a message numbered n to this process's own port.
   void send(int n) {
     ASSERT_EQ(0, message_port_send_message(kClient, kClientPort, MakeBundle({{"n", std::to_string(n)}}).get()));
   }
