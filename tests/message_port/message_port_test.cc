@@ -406,7 +406,6 @@ TEST(Channel, FramesUpToTheCapArriveWholeAndInOrderOnePastIsRefusedAndAHangUpCom
   for (size_t i = 0; i < sizes.size(); i++)
     EXPECT_TRUE(frames[i] == Pattern(sizes[i], unsigned(i))) << "frame " << i;
   EXPECT_EQ(rec.closedCalls, 0);
-  EXPECT_EQ(velna_channel_peer_pid(p.in), getpid());
 
   // A frame followed at once by the hang-up: the frame is delivered, then the close.
   ASSERT_EQ(velna_channel_send(p.out, "last", 4), 0);
