@@ -63,9 +63,8 @@ class SdkAgainstLibrary : public ::testing::TestWithParam<bool /* rpc-port */> {
   LogCapture log;
 };
 
-// The first answer's callback starts an action that the app answers late, from a timer
-// after its handler returned; a context request made meanwhile reaches its own callback
-// first.
+// An answer sent from a timer after the handler returned; a context asked meanwhile
+// reaches its own callback first.
 TEST_P(SdkAgainstLibrary, AnswersFollowTheRulesReachTheirOwnCallbacksAndMayComeLate) {
   lateRequest = MakeBundle({{"actionId", "second"}, {"delay_ms", "300"}});
   auto chain = [](const char *appId, bundle *result, void *) {
@@ -94,8 +93,7 @@ TEST_P(SdkAgainstLibrary, AnswersFollowTheRulesReachTheirOwnCallbacksAndMayComeL
   EXPECT_EQ("done:second", late.str("result"));
   EXPECT_EQ("-114", late.str("stale"));
 
-  // Contexts that the client could not use are refused; the third goes out whole, in the
-  // envelope of the app's metadata.
+  // Contexts the client could not use are refused; the third goes out in the envelope.
   EXPECT_EQ("state", state.label);
   EXPECT_EQ("-22", state.str("not_object"));
   EXPECT_EQ("-22", state.str("no_concepts"));
@@ -111,8 +109,7 @@ TEST_P(SdkAgainstLibrary, MegabyteAnswersArriveWhole) {
   EXPECT_EQ(std::string(mib, 'x'), action.str("result"));
   Answer state = request(true, {{"size", std::to_string(mib)}});
   EXPECT_NE(std::string::npos, state.str("appContext").find(std::string(mib, 'y')));
-  // Over the message port both went out in pieces of the default size; rpc-port has no
-  // pieces.
+  // Pieces of the default size over the message port; rpc-port has none.
   EXPECT_EQ(GetParam() ? 0 : 1, log.count("[Received Data with len:1048576]"));
   EXPECT_FALSE(action.has("chunk_result") || state.has("app_state_chunk_result"));
 }

@@ -1,6 +1,5 @@
-// Installed apps: their manifests (app information, the package manager, malformed files
-// and invalid ids), launching them with a real app process, and the registry of running
-// apps.
+// Installed apps: their manifests as each interface reads them, launching a real app
+// process, and the registry of running apps.
 #include <app_control.h>
 #include <app_info.h>
 #include <app_manager.h>
@@ -149,9 +148,8 @@ TEST_F(Manifests, FieldsAndMetadataInFileOrderWithDefaultsRewritesReadAfreshAndM
   EXPECT_EQ("org.example.other|org.example.other|<-2>", Fields("org.example.plain"));
 }
 
-// Every interface that makes a name or a path from an id refuses the same ids; a valid
-// one, however long, names a socket directly under <runtime>/s and a lock file in
-// <runtime>/lock.
+// Every interface refuses the same ids; a valid one, however long, names a socket directly
+// under <runtime>/s and a lock file in <runtime>/lock.
 TEST_F(Manifests, UnknownAndInvalidAppIdsAreRefusedAndValidOnesStayInsideTheRuntimeDir) {
   // A manifest outside the apps directory stays out of reach.
   std::ofstream(env_.root() + "/x.app") << "[Application]\nPackage=x\n";

@@ -76,8 +76,7 @@ std::vector<unsigned char> Encode(bundle *b) {
   return out;
 }
 
-// Decodes from a buffer of exactly the bytes' size, so that ASan sees any overread; the
-// bundle goes to *out when given.
+// Decodes, into *out when given, from a buffer of exactly the bytes' size: ASan sees overreads.
 int Decode(const std::vector<unsigned char> &bytes, BundlePtr *out = nullptr) {
   std::unique_ptr<unsigned char[]> exact(new unsigned char[bytes.size() + !bytes.size()]);
   if (!bytes.empty()) memcpy(exact.get(), bytes.data(), bytes.size());

@@ -42,8 +42,7 @@ struct ParcelDeleter { void operator()(rpc_port_parcel_s *p) const { rpc_port_pa
 using Parcel = std::unique_ptr<rpc_port_parcel_s, ParcelDeleter>;
 using Strings = std::vector<std::string>;
 
-// Takes the next parcel that port delivers into *out, when given; the result. A failure
-// yields null.
+// Takes the next parcel of port into *out when given; a failure yields null.
 int Take(rpc_port_h port, Parcel *out = nullptr) {
   Parcel dropped;
   if (!out) out = &dropped;
@@ -273,10 +272,7 @@ TEST_F(RpcPort, DestroyInsideTheConnectedOrReceivedEventEndsAllLaterEvents) {
   EXPECT_EQ(late.events(), 2) << "the parcels behind the destroying one are dropped";
 }
 
-// Hostile peers on either side end only their own connection; a bystander connection to
-// the echo app stays unharmed. First this process plays proxies that send the stub what no
-// proxy sends; then it plays the app "test.fake": it listens at the port's socket and
-// answers the proxy's handshake with hostile bytes.
+// This process plays hostile proxies to the echo app, then the hostile app "test.fake".
 TEST_F(RpcPort, HostilePeersOnEitherSideEndOnlyTheirOwnConnection) {
   env_.install({"test.fake", "org.test.fake", "", "", "", {}});
   Client bystander, spoiled;
