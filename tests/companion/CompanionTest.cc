@@ -114,8 +114,9 @@ TEST_P(SdkAgainstLibrary, MegabyteAnswersArriveWhole) {
   EXPECT_FALSE(action.has("chunk_result") || state.has("app_state_chunk_result"));
 }
 
-TEST_P(SdkAgainstLibrary, AppIsToldWhenItsClientDisconnectsAndAHeldAnswerIsRefused) {
-  if (!GetParam()) GTEST_SKIP() << "a message-port client has no connection to lose";
+// Only over rpc-port: a message-port client has no connection to lose.
+class SdkOverRpcPort : public SdkAgainstLibrary {};
+TEST_P(SdkOverRpcPort, AppIsToldWhenItsClientDisconnectsAndAHeldAnswerIsRefused) {
   request(false, {{"actionId", "warmUp"}});
   BundlePtr hold = MakeBundle({{"actionId", "hold"}});
   ASSERT_EQ(0, talvo_proxy_app_action_execution(kApp, hold.get(), OnAnswer, nullptr));
@@ -133,5 +134,7 @@ TEST_P(SdkAgainstLibrary, AppIsToldWhenItsClientDisconnectsAndAHeldAnswerIsRefus
 
 INSTANTIATE_TEST_SUITE_P(Mechanisms, SdkAgainstLibrary, ::testing::Values(false, true),
                          [](const auto &info) { return info.param ? "RpcPort" : "MessagePort"; });
+INSTANTIATE_TEST_SUITE_P(Mechanisms, SdkOverRpcPort, ::testing::Values(true),
+                         [](const auto &) { return std::string("RpcPort"); });
 
 }  // namespace
