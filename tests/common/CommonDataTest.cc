@@ -205,8 +205,17 @@ TEST_P(FocusedAppLayout, LayoutThatAnswersFirstIsRememberedAndNeverLeft) {
   EXPECT_EQ(log.count(own), 3);
 }
 
-TEST_F(FocusedAppTest, FirstFocusedWindowWinsAndWithoutOneTheLastKnownOwnerIsNamed) {
-  Start(12);
+TEST_F(FocusedAppTest, NoAppIsNamedBeforeTheBusThenTheFirstFocusedWindowWinsElseTheLastOwner) {
+  Start(12, false);
+  sim->focus(getpid());
+  EXPECT_EQ(Focused(), "<null>");
+  EXPECT_TRUE(log.has("Dbus Connection pointer is null"));
+  ASSERT_TRUE(Connected());
+  EXPECT_EQ(Focused(), kSelf);
+  EXPECT_TRUE(log.has("dbusOwnId : "));
+  EXPECT_TRUE(RunLoopUntil([&] { return !bus.ownerOf("org.velna.talvo.sdk.proxy").empty(); },
+                           10000));
+
   sim->addWindow(getpid(), false);
   LaunchWindowApp("org.velna.test.first", false);
   int second = LaunchWindowApp("org.velna.test.second", true);
@@ -218,19 +227,6 @@ TEST_F(FocusedAppTest, FirstFocusedWindowWinsAndWithoutOneTheLastKnownOwnerIsNam
   ASSERT_GT(fourth, 0);
   sim->addWindow(fourth + 100000, false);  // a pid that no app holds changes nothing
   EXPECT_EQ(Focused(), "org.velna.test.fourth");
-}
-
-TEST_F(FocusedAppTest, QueryBeforeTheBusIsAcquiredNamesNoAppThenTheLibraryOwnsItsName) {
-  Start(12, false);
-  sim->focus(getpid());
-  EXPECT_EQ(Focused(), "<null>");
-  EXPECT_TRUE(log.has("Dbus Connection pointer is null"));
-
-  ASSERT_TRUE(Connected());
-  EXPECT_EQ(Focused(), kSelf);
-  EXPECT_TRUE(log.has("dbusOwnId : "));
-  EXPECT_TRUE(RunLoopUntil([&] { return !bus.ownerOf("org.velna.talvo.sdk.proxy").empty(); },
-                           10000));
 }
 
 }  // namespace
