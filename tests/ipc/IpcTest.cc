@@ -353,11 +353,32 @@ TEST_F(IpcTest, AliasAppIsLaunchedFirstAndARefusedLaunchFailsTheAction) {
   }
 }
 
-// A second request during the launch replaces the waiting one, which is never sent.
-TEST_F(IpcTest, RpcPortAppIsConnectedOnDemandAndTheLatestWaitingRequestSentFromOnConnected) {
-  env.installSample(kRpcApp);
+// The app first exits before it opens its port, so the platform rejects the connection.
+// Then a second request during the launch replaces the waiting one, which is never sent;
+// the app serves it and crashes on a later one. Seen from inside the event that reports
+// a loss, the client is still there; it goes on a later loop turn with the metadata.
+TEST_F(IpcTest, RpcPortAppIsConnectedOnDemandAndRemovedOnALaterTurnAfterALoss) {
+  auto present = [this] { return ipc->clientsMap.count(kRpcApp) != 0; };
+  log.probe = [this, present](const std::string &message) {
+    if (message.find("is OnRejected") != message.npos ||
+        message.find("is OnDisconnected") != message.npos)
+      presentInsideEvent += present() ? 1 : 100;
+  };
   const std::string app = kRpcApp;
+  env.installSample(kRpcApp, "/bin/false");
   BundlePtr replaced = MakeBundle({{"actionId", "replaced"}});
+  ASSERT_EQ(0, send(app, replaced.get()));
+  ASSERT_TRUE(present());
+  ASSERT_TRUE(RunLoopUntil([&] { return !present(); }, 8000));
+  EXPECT_EQ(1, presentInsideEvent);
+  EXPECT_TRUE(answers.empty());
+  EXPECT_TRUE(log.sequence({LogI("OnRejected", "(" + app + ") is OnRejected"),
+                            LogD("_clientRemoveCb", "Callback _clientRemoveCb - (" + app + ")"),
+                            LogD("_clientRemoveCb", "RemoveCb clientMap size(0)"),
+                            LogD("RemoveMetaDataMapEntry", "Remove metaDataMap size(0)")}));
+  EXPECT_EQ(nullptr, metaDataOf(app));
+
+  env.installSample(kRpcApp);
   BundlePtr request = MakeBundle({{"actionId", "setAlarm"}, {"sample_echo", "1"}});
   bundle_add_byte(request.get(), "blob", "\x01\x00\x02", 3);
   const char *list[] = {"a", "b"};
@@ -400,6 +421,18 @@ TEST_F(IpcTest, RpcPortAppIsConnectedOnDemandAndTheLatestWaitingRequestSentFromO
        LogE("OnConnected", "appLaunchInfo is null")},
       mark));
   EXPECT_TRUE(ipc->GetClientInfo(app)->connected);
+
+  BundlePtr crash = MakeBundle({{"actionId", "crash"}, {"sample_reply", "crash"}});
+  ASSERT_EQ(0, send(app, crash.get()));
+  EXPECT_TRUE(ipc->appLaunchInfoMap.empty());  // sent at once, no launch wait
+  mark = log.size();
+  ASSERT_TRUE(RunLoopUntil([&] { return !present(); }, 8000));
+  EXPECT_EQ(2, presentInsideEvent);
+  EXPECT_TRUE(log.sequence({LogI("OnDisconnected", "(" + app + ") is OnDisconnected"),
+                            LogD("_clientRemoveCb", "Callback _clientRemoveCb - (" + app + ")"),
+                            LogD("RemoveMetaDataMapEntry", "Remove metaDataMap size(0)")},
+                           mark));
+  EXPECT_EQ(nullptr, metaDataOf(app));
 }
 
 // The platform refuses the connection at once: an app that is not installed, an app that
@@ -451,46 +484,6 @@ TEST_F(IpcTest, RefusedCallbackRegistrationIsAnsweredByTheLaunchWaitRunningOut) 
   EXPECT_EQ(app, answers[0].appId);
   EXPECT_EQ("{\"result\":\"Failure\"}", answers[0].str("result"));
   EXPECT_TRUE(ipc->clientsMap.empty() && ipc->appLaunchInfoMap.empty());
-}
-
-// The app exits before it opens its port, so the platform rejects the connection; then it
-// serves a request and crashes on the next. Seen from inside the event that reports the
-// loss, the client is still there.
-TEST_F(IpcTest, RejectionAndDisconnectionRemoveTheClientOnALaterLoopTurn) {
-  auto present = [this] { return ipc->clientsMap.count(kRpcApp) != 0; };
-  log.probe = [this, present](const std::string &message) {
-    if (message.find("is OnRejected") != message.npos ||
-        message.find("is OnDisconnected") != message.npos)
-      presentInsideEvent += present() ? 1 : 100;
-  };
-  const std::string app = kRpcApp;
-  env.installSample(kRpcApp, "/bin/false");
-  BundlePtr request = MakeBundle({{"actionId", "setAlarm"}});
-  ASSERT_EQ(0, send(app, request.get()));
-  ASSERT_TRUE(present());
-  ASSERT_TRUE(RunLoopUntil([&] { return !present(); }, 8000));
-  EXPECT_EQ(1, presentInsideEvent);
-  EXPECT_TRUE(answers.empty());
-  EXPECT_TRUE(log.sequence({LogI("OnRejected", "(" + app + ") is OnRejected"),
-                            LogD("_clientRemoveCb", "Callback _clientRemoveCb - (" + app + ")"),
-                            LogD("_clientRemoveCb", "RemoveCb clientMap size(0)"),
-                            LogD("RemoveMetaDataMapEntry", "Remove metaDataMap size(0)")}));
-  EXPECT_EQ(nullptr, metaDataOf(app));
-
-  env.installSample(kRpcApp);
-  ASSERT_EQ(0, send(app, request.get()));
-  ASSERT_TRUE(waitForAnswers(1)) << log.dump();
-  BundlePtr crash = MakeBundle({{"actionId", "crash"}, {"sample_reply", "crash"}});
-  ASSERT_EQ(0, send(app, crash.get()));
-  EXPECT_TRUE(ipc->appLaunchInfoMap.empty());  // sent at once, no launch wait
-  const int mark = log.size();
-  ASSERT_TRUE(RunLoopUntil([&] { return !present(); }, 8000));
-  EXPECT_EQ(2, presentInsideEvent);
-  EXPECT_TRUE(log.sequence({LogI("OnDisconnected", "(" + app + ") is OnDisconnected"),
-                            LogD("_clientRemoveCb", "Callback _clientRemoveCb - (" + app + ")"),
-                            LogD("RemoveMetaDataMapEntry", "Remove metaDataMap size(0)")},
-                           mark));
-  EXPECT_EQ(nullptr, metaDataOf(app));
 }
 
 // The focus wait of an alias app against the window-manager simulator on a private bus.
