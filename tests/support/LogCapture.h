@@ -99,8 +99,7 @@ class LogCapture {
     return out;
   }
 
-  // When set, runs with each message from inside the logging call, that is, inside the
-  // event that logs it.
+  // When set, runs with each message inside the logging call, so inside the event logging it.
   std::function<void(const std::string &message)> probe;
 
  private:
