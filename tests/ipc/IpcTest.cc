@@ -101,8 +101,39 @@ class IpcTest : public ::testing::Test {
   int presentInsideEvent = 0;
 };
 
-// Deinitialization ends the launch waits and the clients, not the focus waits.
-TEST_F(IpcTest, UnconnectedClientRefusesSendsAndDeinitializeReleasesAllButFocusWaits) {
+// Lookups and removals of an unknown app log their errors and change nothing. A client
+// that is not connected refuses sends; deinitialization ends the launch waits and the
+// clients, not the focus waits.
+TEST_F(IpcTest, UnknownAppsAndUnconnectedClientsRefuseAndDeinitializeKeepsOnlyFocusWaits) {
+  const std::string app = "org.velna.test.unknown";
+  BundlePtr data = RequestWithMetadata("1.0", "cap", "1.1.0");
+  ASSERT_NE(nullptr, TalvoProxyCommonData::getInstance()->ExtractMetaData(app, data.get()));
+  log.clear();
+
+  EXPECT_EQ(nullptr, ipc->GetClientInfo(""));
+  EXPECT_EQ(nullptr, ipc->GetClientInfo(app));
+  EXPECT_EQ(nullptr, ipc->GetAppLaunchInfo(app));
+  ipc->ClientRemove(app);
+  for (ClientRemoveData *removal : {new ClientRemoveData{ipc, app}, (ClientRemoveData *)nullptr,
+                                    new ClientRemoveData{nullptr, app}})
+    EXPECT_EQ(G_SOURCE_REMOVE, TalvoProxyIpc::_clientRemoveCb(removal));
+  ipc->ipcMechanism = IPC_MECHANISM_VIDL;
+  EXPECT_EQ(-22, ipc->_sendDataToApp(app, data.get()));
+
+  const LogRecord noClient =
+      LogE("GetClientInfo", "Couldn't find corresponding map entry for the app:" + app);
+  EXPECT_TRUE(log.sequence(
+      {LogE("GetClientInfo", "AppId is null."), noClient,
+       LogE("GetAppLaunchInfo", "couldn't find corresponding map entry for the app:" + app),
+       noClient, LogE("ClientRemove", "ClientsInfo is null"),
+       LogD("_clientRemoveCb", "Callback _clientRemoveCb - (" + app + ")"), noClient,
+       LogE("_clientRemoveCb", "ClientsInfo is null"),
+       LogE("_clientRemoveCb", "ClientData to be removed is null"),
+       LogE("_clientRemoveCb", "TalvoProxyIpc is null"),
+       LogE("_sendDataToApp", "Couldn't find corresponding map entry for the app: " + app)}));
+  EXPECT_EQ(11, log.size()) << log.dump();
+  EXPECT_NE(nullptr, metaDataOf(app));
+
   setenv("TALVO_SAMPLE_NO_PORT", "1", 1);
   setenv("TALVO_SAMPLE_NO_LISTEN", "1", 1);
   env.installSample(kPortApp);
@@ -144,37 +175,6 @@ TEST_F(IpcTest, UnconnectedClientRefusesSendsAndDeinitializeReleasesAllButFocusW
   EXPECT_GT(ipc->localPortId, 0);
   EXPECT_EQ(0, ipc->initialize());
   EXPECT_TRUE(log.has(LogE("initialize", "TalvoProxyIpc has been already initialized")));
-}
-
-TEST_F(IpcTest, LookupsAndRemovalsOfAnUnknownAppLogTheirErrorsAndChangeNothing) {
-  const std::string app = "org.velna.test.unknown";
-  BundlePtr data = RequestWithMetadata("1.0", "cap", "1.1.0");
-  ASSERT_NE(nullptr, TalvoProxyCommonData::getInstance()->ExtractMetaData(app, data.get()));
-  log.clear();
-
-  EXPECT_EQ(nullptr, ipc->GetClientInfo(""));
-  EXPECT_EQ(nullptr, ipc->GetClientInfo(app));
-  EXPECT_EQ(nullptr, ipc->GetAppLaunchInfo(app));
-  ipc->ClientRemove(app);
-  for (ClientRemoveData *removal : {new ClientRemoveData{ipc, app}, (ClientRemoveData *)nullptr,
-                                    new ClientRemoveData{nullptr, app}})
-    EXPECT_EQ(G_SOURCE_REMOVE, TalvoProxyIpc::_clientRemoveCb(removal));
-  ipc->ipcMechanism = IPC_MECHANISM_VIDL;
-  EXPECT_EQ(-22, ipc->_sendDataToApp(app, data.get()));
-
-  const LogRecord noClient =
-      LogE("GetClientInfo", "Couldn't find corresponding map entry for the app:" + app);
-  EXPECT_TRUE(log.sequence(
-      {LogE("GetClientInfo", "AppId is null."), noClient,
-       LogE("GetAppLaunchInfo", "couldn't find corresponding map entry for the app:" + app),
-       noClient, LogE("ClientRemove", "ClientsInfo is null"),
-       LogD("_clientRemoveCb", "Callback _clientRemoveCb - (" + app + ")"), noClient,
-       LogE("_clientRemoveCb", "ClientsInfo is null"),
-       LogE("_clientRemoveCb", "ClientData to be removed is null"),
-       LogE("_clientRemoveCb", "TalvoProxyIpc is null"),
-       LogE("_sendDataToApp", "Couldn't find corresponding map entry for the app: " + app)}));
-  EXPECT_EQ(11, log.size()) << log.dump();
-  EXPECT_NE(nullptr, metaDataOf(app));
 }
 
 // Messages are classified by their keys: a context (or its marker) makes a state answer,
@@ -286,30 +286,10 @@ TEST_F(IpcTest, AnswerUpToTheCapIsJoinedAndOnePastItIsDroppedUntilItsEnd) {
                  {kSender, "appContext", "{\"s\":1}"}});
 }
 
-// The app runs but has not registered its port: a state request is neither sent nor
-// retried; an action waits for the port without a launch request.
-TEST_F(IpcTest, MessagePortAppThatRunsWithoutItsPortGetsNoStateRequest) {
-  const std::string app = "org.velna.test.portless";
-  installApp(app, "1.0-alpha", TEST_APP);
-  ASSERT_TRUE(env.launch(app));
-  BundlePtr request = MakeBundle({{"actionId", "getAppContext"}});
-  const int mark = log.size();
-  EXPECT_EQ(0, send(app, request.get(), true));
-  EXPECT_TRUE(log.has(LogD("_isConnectedToApp", app + "'s connection status:0")));
-  EXPECT_EQ(0, log.countFrom("_connectApp", mark));
-  EXPECT_EQ(0, log.countFrom("_sendDataToApp", mark));
-  EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
-
-  EXPECT_EQ(0, send(app, request.get()));
-  EXPECT_TRUE(log.has(LogD("_connectApp", "AppID : " + app)));
-  EXPECT_EQ(0, log.countFrom("_launchApp", mark));
-  EXPECT_NE(nullptr, ipc->GetAppLaunchInfo(app));
-}
-
 // The package manager names the package, the app information its alias package: the app is
 // an alias when the package does not begin with the alias package. Installed without Exec,
 // every app's launch is refused, with or without the alias path.
-TEST_F(IpcTest, AliasAppIsLaunchedFirstAndARefusedLaunchFailsTheAction) {
+TEST_F(IpcTest, AliasAppIsLaunchedFirstARefusedLaunchFailsAndAPortlessAppGetsNoStateRequest) {
   struct Case {
     const char *package, *infoPackage;  // infoPackage empty: the same as package
     bool alias;
@@ -351,6 +331,24 @@ TEST_F(IpcTest, AliasAppIsLaunchedFirstAndARefusedLaunchFailsTheAction) {
     EXPECT_EQ(0, send(app, request.get(), true));
     EXPECT_EQ(0, log.countFrom("_isExistedAliasApp", mark) + log.countFrom("_launchApp", mark));
   }
+
+  // The app runs but has not registered its port: a state request is neither sent nor
+  // retried; an action waits for the port without a launch request.
+  const std::string app = "org.velna.test.portless";
+  installApp(app, "1.0-alpha", TEST_APP);
+  ASSERT_TRUE(env.launch(app));
+  BundlePtr request = MakeBundle({{"actionId", "getAppContext"}});
+  const int mark = log.size();
+  EXPECT_EQ(0, send(app, request.get(), true));
+  EXPECT_TRUE(log.has(LogD("_isConnectedToApp", app + "'s connection status:0")));
+  EXPECT_EQ(0, log.countFrom("_connectApp", mark));
+  EXPECT_EQ(0, log.countFrom("_sendDataToApp", mark));
+  EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
+
+  EXPECT_EQ(0, send(app, request.get()));
+  EXPECT_TRUE(log.has(LogD("_connectApp", "AppID : " + app)));
+  EXPECT_EQ(0, log.countFrom("_launchApp", mark));
+  EXPECT_NE(nullptr, ipc->GetAppLaunchInfo(app));
 }
 
 // The app first exits before it opens its port, so the platform rejects the connection.
