@@ -155,7 +155,7 @@ TEST_F(MessageProxy, SetCBReturnsTheAppsValueKeepingTheDelegateAndListenerExcept
   EXPECT_EQ(seen->payloads, (Strings{"hello", "hello"}));
 }
 
-TEST_F(MessageProxy, UnsetCBLeavesTheLocalDelegateAndSendNeverReadsTheMainPort) {
+TEST_F(MessageProxy, UnsetCBAndAFailedResultWaitLeaveTheDelegateAndSendNeverReadsTheMainPort) {
   auto proxy = Connected("lax");
   auto seen = Register(*proxy);
 
@@ -169,6 +169,18 @@ TEST_F(MessageProxy, UnsetCBLeavesTheLocalDelegateAndSendNeverReadsTheMainPort) 
   ASSERT_TRUE(WaitFor(seen, 1));
   EXPECT_EQ(seen->payloads, Strings{"still-here"});
   EXPECT_FALSE(seen->destroyed);
+
+  auto failing = Connected("exit-on-register", "org.velna.test.messageapp2");
+  auto kept = std::make_shared<Seen>();
+  auto delegate = NewRecorder(kept);
+  EXPECT_THROW(failing->SetCB(delegate), rpc_port::message::proxy::InvalidProtocolException);
+  EXPECT_EQ(delegate, nullptr);
+  EXPECT_TRUE(HasProxyLine("SetCB", "Invalid protocol"));
+  EXPECT_FALSE(kept->destroyed);
+
+  // The disconnection empties the delegate list, so the delegate was in it.
+  ASSERT_TRUE(RunLoopUntil([&] { return listener.disconnected == 1; }, 5000));
+  EXPECT_TRUE(kept->destroyed);
 }
 
 // The refusals that raise (-22, -13, -5) are pinned through the IPC component's connect;
@@ -197,20 +209,6 @@ TEST_F(MessageProxy, CallsBeforeTheConnectedEventThrowAndARefusedConnectOnlyLogs
   message cramped(&listener, kAppId);
   EXPECT_NO_THROW(cramped.Connect());
   EXPECT_TRUE(HasProxyLine("Connect", "Failed to connect message")) << log.dump();
-}
-
-TEST_F(MessageProxy, PortFailingDuringTheResultWaitThrowsAndKeepsTheDelegate) {
-  auto proxy = Connected("exit-on-register");
-  auto seen = std::make_shared<Seen>();
-  auto delegate = NewRecorder(seen);
-  EXPECT_THROW(proxy->SetCB(delegate), proxy::InvalidProtocolException);
-  EXPECT_EQ(delegate, nullptr);
-  EXPECT_TRUE(HasProxyLine("SetCB", "Invalid protocol"));
-  EXPECT_FALSE(seen->destroyed);
-
-  // The disconnection empties the delegate list, so the delegate was in it.
-  ASSERT_TRUE(RunLoopUntil([&] { return listener.disconnected == 1; }, 5000));
-  EXPECT_TRUE(seen->destroyed);
 }
 
 // The app sends a callback parcel on the main port before SetCB's result, which the result
