@@ -1,7 +1,6 @@
-// The common data component: where each app's declared metadata comes from and which
-// mechanism it implies, and the focused-application query through the exported function
-// against the window-manager simulator on a private bus. The remembered reply layout lives
-// as long as the process, so each test runs in a process of its own.
+// The common data component: app metadata and the mechanism it implies, and the focus query
+// against the window-manager simulator. The remembered reply layout lives as long as the
+// process, so each test runs in a process of its own.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -53,7 +52,7 @@ class MetaDataRegistryTest : public ::testing::Test {
   TalvoProxyCommonData *registry = TalvoProxyCommonData::getInstance();
 };
 
-TEST_F(MetaDataRegistryTest, ManifestIsReadOnFirstRequestAndItsSdkVersionDecidesTheMechanism) {
+TEST_F(MetaDataRegistryTest, SdkVersionOfTheManifestOrACompleteRequestDecidesTheMechanism) {
   Install(kMusic, "1.1.0");
   MetaDataInfo *info = registry->ExtractMetaData(kMusic, nullptr);
   ASSERT_NE(info, nullptr);
@@ -81,22 +80,21 @@ TEST_F(MetaDataRegistryTest, ManifestIsReadOnFirstRequestAndItsSdkVersionDecides
     EXPECT_EQ(MechanismOf(appId), m.second) << appId;
   }
   EXPECT_TRUE(log.has("AppSdkVersion (null)"));
-}
 
-// The manifest is read unless the request carries all three values. A message-port record
-// is rebuilt on every request, here from a complete bundle that selects rpc-port; an
-// rpc-port record is kept whatever later requests carry.
-TEST_F(MetaDataRegistryTest, CompleteRequestBundleWinsAndOnlyRpcPortRecordsAreKept) {
-  Install(kMusic, "1.0-alpha");
+  // The manifest is read unless the request carries all three values. A message-port
+  // record is rebuilt on every request, here from a complete bundle that selects rpc-port;
+  // an rpc-port record is kept whatever later requests carry.
+  const std::string album = "org.velna.test.album";
+  Install(album, "1.0-alpha");
   BundlePtr partial = MakeBundle({{"capsuleId", "cap.bundle"}, {"appVersion", "9.9"}});
-  MetaDataInfo *info = registry->ExtractMetaData(kMusic, partial.get());
+  info = registry->ExtractMetaData(album, partial.get());
   ASSERT_NE(info, nullptr);
-  EXPECT_EQ(Str(info->metadataValue->capsuleIdValue), "cap.org.velna.test.music");
+  EXPECT_EQ(Str(info->metadataValue->capsuleIdValue), "cap." + album);
   EXPECT_EQ(info->ipcMechanism, IPC_MECHANISM_MESSAGE_PORT);
 
   for (const char *sdkVersion : {"2.0", "1.0-alpha"}) {
     BundlePtr complete = RequestWithMetadata("9.9", std::string("cap.") + sdkVersion, sdkVersion);
-    info = registry->ExtractMetaData(kMusic, complete.get());
+    info = registry->ExtractMetaData(album, complete.get());
     ASSERT_NE(info, nullptr);
     EXPECT_EQ(Str(info->metadataValue->capsuleIdValue), "cap.2.0");
     EXPECT_EQ(Str(info->metadataValue->versionValue), "9.9");
@@ -205,8 +203,17 @@ TEST_P(FocusedAppLayout, LayoutThatAnswersFirstIsRememberedAndNeverLeft) {
   EXPECT_EQ(log.count(own), 3);
 }
 
-TEST_F(FocusedAppTest, FirstFocusedWindowWinsAndWithoutOneTheLastKnownOwnerIsNamed) {
-  Start(12);
+TEST_F(FocusedAppTest, NoAppIsNamedBeforeTheBusThenTheFirstFocusedWindowWinsElseTheLastOwner) {
+  Start(12, false);
+  sim->focus(getpid());
+  EXPECT_EQ(Focused(), "<null>");
+  EXPECT_TRUE(log.has("Dbus Connection pointer is null"));
+  ASSERT_TRUE(Connected());
+  EXPECT_EQ(Focused(), kSelf);
+  EXPECT_TRUE(log.has("dbusOwnId : "));
+  EXPECT_TRUE(RunLoopUntil([&] { return !bus.ownerOf("org.velna.talvo.sdk.proxy").empty(); },
+                           10000));
+
   sim->addWindow(getpid(), false);
   LaunchWindowApp("org.velna.test.first", false);
   int second = LaunchWindowApp("org.velna.test.second", true);
@@ -218,19 +225,6 @@ TEST_F(FocusedAppTest, FirstFocusedWindowWinsAndWithoutOneTheLastKnownOwnerIsNam
   ASSERT_GT(fourth, 0);
   sim->addWindow(fourth + 100000, false);  // a pid that no app holds changes nothing
   EXPECT_EQ(Focused(), "org.velna.test.fourth");
-}
-
-TEST_F(FocusedAppTest, QueryBeforeTheBusIsAcquiredNamesNoAppThenTheLibraryOwnsItsName) {
-  Start(12, false);
-  sim->focus(getpid());
-  EXPECT_EQ(Focused(), "<null>");
-  EXPECT_TRUE(log.has("Dbus Connection pointer is null"));
-
-  ASSERT_TRUE(Connected());
-  EXPECT_EQ(Focused(), kSelf);
-  EXPECT_TRUE(log.has("dbusOwnId : "));
-  EXPECT_TRUE(RunLoopUntil([&] { return !bus.ownerOf("org.velna.talvo.sdk.proxy").empty(); },
-                           10000));
 }
 
 }  // namespace

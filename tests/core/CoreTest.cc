@@ -156,18 +156,15 @@ TEST(ActionRegistered, OnlyAWholeListElementMatchesWithBlanksAndCaseSignificant)
     const char *id;
     bool registered;
   };
-  for (const Case &c : {Case{"alpha,beta,gamma", "alpha", true},
-                        Case{"alpha,beta,gamma", "beta", true},
-                        Case{"alpha,beta,gamma", "gamma", true},
-                        // An id holding the separator matches when its wrapped form occurs.
-                        Case{"alpha,beta,gamma", "beta,gamma", true},
-                        Case{"alpha,beta,gamma", "alpha,gamma", false},
-                        Case{"alpha", "alp", false}, Case{"alpha", "lpha", false},
-                        Case{"alpha,beta", "alpha,be", false}, Case{"alpha, beta", "beta", false},
-                        Case{"alpha, beta", " beta", true}, Case{"Play", "play", false},
-                        Case{"alpha,beta", "", false}, Case{"alpha,,beta", "", true},
-                        Case{",alpha", "", true}, Case{"alpha,", "", true},
-                        Case{nullptr, "alpha", false}}) {
+  // An id holding the separator matches when its wrapped form occurs.
+  for (const Case &c :
+       {Case{"alpha,beta,gamma", "alpha", true}, Case{"alpha,beta,gamma", "beta", true},
+        Case{"alpha,beta,gamma", "gamma", true}, Case{"alpha,beta,gamma", "beta,gamma", true},
+        Case{"alpha,beta,gamma", "alpha,gamma", false}, Case{"alpha", "alp", false},
+        Case{"alpha", "lpha", false}, Case{"alpha,beta", "alpha,be", false},
+        Case{"alpha, beta", "beta", false}, Case{"alpha, beta", " beta", true},
+        Case{"Play", "play", false}, Case{"alpha,beta", "", false}, Case{"alpha,,beta", "", true},
+        Case{",alpha", "", true}, Case{"alpha,", "", true}, Case{nullptr, "alpha", false}}) {
     Manifest m{app, app, "", "", "", {{talvo::kMetadataVersionKey, "1.0.0"}}};
     if (c.actions) m.metadata.emplace_back(talvo::kMetadataActionIdKey, c.actions);
     m.metadata.emplace_back("http://velna.org/later", "x");

@@ -22,8 +22,7 @@ namespace {
 
 using namespace testsupport;
 
-// Every result callback's call, in call order, and its monotonic time; the label is
-// "action:" or "state:" and the request's user data, a string.
+// Every result callback's call in order, and its time; label: the kind and the user data.
 std::vector<Answer> calls;
 std::vector<gint64> callTimes;
 

@@ -1,6 +1,5 @@
-// TalvoProxyIpc in a client process of its own: a temporary apps and runtime directory,
-// the client's app id, the real main loop and the sample and test apps as real processes.
-// Every answer that reaches the registered handler is copied into answers.
+// TalvoProxyIpc in a client process of its own, against the sample and test apps as real
+// processes.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -102,53 +101,10 @@ class IpcTest : public ::testing::Test {
   int presentInsideEvent = 0;
 };
 
-// Deinitialization ends the launch waits and the clients, not the focus waits.
-TEST_F(IpcTest, UnconnectedClientRefusesSendsAndDeinitializeReleasesAllButFocusWaits) {
-  setenv("TALVO_SAMPLE_NO_PORT", "1", 1);
-  setenv("TALVO_SAMPLE_NO_LISTEN", "1", 1);
-  env.installSample(kPortApp);
-  env.installSample(kRpcApp);
-  // The rpc-port app first: the launch ticks read the mechanism of the latest send.
-  BundlePtr rpcRequest = MakeBundle({{"actionId", "a"}});
-  BundlePtr portRequest = MakeBundle({{"actionId", "b"}});
-  ASSERT_EQ(0, send(kRpcApp, rpcRequest.get()));
-  ASSERT_EQ(0, send(kPortApp, portRequest.get()));
-  ASSERT_EQ(0, ipc->_monitorAppFocused("org.velna.test.alias", portRequest.get()));
-  ASSERT_EQ(2u, ipc->appLaunchInfoMap.size());
-  ASSERT_EQ(1u, ipc->clientsMap.size());
-
-  // Marked connected while its proxy still connects, the client's Send raises; the copy
-  // made for it is freed all the same (the sanitized run would report it).
-  ipc->ipcMechanism = IPC_MECHANISM_VIDL;
-  int mark = log.size();
-  EXPECT_EQ(-22, ipc->_sendDataToApp(kRpcApp, rpcRequest.get()));
-  ipc->GetClientInfo(kRpcApp)->connected = true;
-  EXPECT_EQ(-1073741826, ipc->_sendDataToApp(kRpcApp, rpcRequest.get()));
-  EXPECT_TRUE(log.sequence({LogE("_sendDataToApp", S(kRpcApp) + " is not connected"),
-                            LogD("_sendDataToApp", "Send data start "),
-                            LogE("_sendDataToApp", "Failed to NotConnectedSocketException")},
-                           mark));
-  EXPECT_FALSE(log.has(LogI("_sendDataToApp", "Send data end")));
-
-  EXPECT_EQ(0, ipc->deinitialize());
-  EXPECT_TRUE(log.has(LogD("deinitialize", "TalvoProxyIpc is deinitialized")));
-  EXPECT_TRUE(ipc->appLaunchInfoMap.empty() && ipc->clientsMap.empty());
-  ASSERT_EQ(1u, ipc->appFocusedInfoMap.size());
-  EXPECT_EQ(0, ipc->localPortId);
-  // The focus wait runs on and ends (this process has no bus to ask for the focus).
-  mark = log.size();
-  RunLoopFor(800);
-  EXPECT_EQ(0, log.countFrom("_appLaunchMonitoringCb", mark));
-  EXPECT_NE(0, log.countFrom("_appFocusedMonitoringCb", mark));
-  EXPECT_TRUE(answers.empty() && ipc->appFocusedInfoMap.empty());
-
-  EXPECT_EQ(0, ipc->initialize());
-  EXPECT_GT(ipc->localPortId, 0);
-  EXPECT_EQ(0, ipc->initialize());
-  EXPECT_TRUE(log.has(LogE("initialize", "TalvoProxyIpc has been already initialized")));
-}
-
-TEST_F(IpcTest, LookupsAndRemovalsOfAnUnknownAppLogTheirErrorsAndChangeNothing) {
+// Lookups and removals of an unknown app log their errors and change nothing. A client
+// that is not connected refuses sends; deinitialization ends the launch waits and the
+// clients, not the focus waits.
+TEST_F(IpcTest, UnknownAppsAndUnconnectedClientsRefuseAndDeinitializeKeepsOnlyFocusWaits) {
   const std::string app = "org.velna.test.unknown";
   BundlePtr data = RequestWithMetadata("1.0", "cap", "1.1.0");
   ASSERT_NE(nullptr, TalvoProxyCommonData::getInstance()->ExtractMetaData(app, data.get()));
@@ -177,6 +133,48 @@ TEST_F(IpcTest, LookupsAndRemovalsOfAnUnknownAppLogTheirErrorsAndChangeNothing) 
        LogE("_sendDataToApp", "Couldn't find corresponding map entry for the app: " + app)}));
   EXPECT_EQ(11, log.size()) << log.dump();
   EXPECT_NE(nullptr, metaDataOf(app));
+
+  setenv("TALVO_SAMPLE_NO_PORT", "1", 1);
+  setenv("TALVO_SAMPLE_NO_LISTEN", "1", 1);
+  env.installSample(kPortApp);
+  env.installSample(kRpcApp);
+  // The rpc-port app first: the launch ticks read the mechanism of the latest send.
+  BundlePtr rpcRequest = MakeBundle({{"actionId", "a"}});
+  BundlePtr portRequest = MakeBundle({{"actionId", "b"}});
+  ASSERT_EQ(0, send(kRpcApp, rpcRequest.get()));
+  ASSERT_EQ(0, send(kPortApp, portRequest.get()));
+  ASSERT_EQ(0, ipc->_monitorAppFocused("org.velna.test.alias", portRequest.get()));
+  ASSERT_EQ(2u, ipc->appLaunchInfoMap.size());
+  ASSERT_EQ(1u, ipc->clientsMap.size());
+
+  // Marked connected while its proxy still connects, the client's Send raises; the copy
+  // made for it is freed all the same (the sanitized run would report it).
+  ipc->ipcMechanism = IPC_MECHANISM_VIDL;
+  int mark = log.size();
+  EXPECT_EQ(-22, ipc->_sendDataToApp(kRpcApp, rpcRequest.get()));
+  ipc->GetClientInfo(kRpcApp)->connected = true;
+  EXPECT_EQ(-1073741826, ipc->_sendDataToApp(kRpcApp, rpcRequest.get()));
+  EXPECT_TRUE(log.sequence({LogE("_sendDataToApp", S(kRpcApp) + " is not connected"),
+                            LogD("_sendDataToApp", "Send data start "),
+                            LogE("_sendDataToApp", "Failed to NotConnectedSocketException")},
+                           mark));
+  EXPECT_FALSE(log.has(LogI("_sendDataToApp", "Send data end")));
+
+  EXPECT_EQ(0, ipc->deinitialize());
+  EXPECT_TRUE(ipc->appLaunchInfoMap.empty() && ipc->clientsMap.empty());
+  ASSERT_EQ(1u, ipc->appFocusedInfoMap.size());
+  EXPECT_EQ(0, ipc->localPortId);
+  // The focus wait runs on and ends (this process has no bus to ask for the focus).
+  mark = log.size();
+  RunLoopFor(800);
+  EXPECT_EQ(0, log.countFrom("_appLaunchMonitoringCb", mark));
+  EXPECT_NE(0, log.countFrom("_appFocusedMonitoringCb", mark));
+  EXPECT_TRUE(answers.empty() && ipc->appFocusedInfoMap.empty());
+
+  EXPECT_EQ(0, ipc->initialize());
+  EXPECT_GT(ipc->localPortId, 0);
+  EXPECT_EQ(0, ipc->initialize());
+  EXPECT_TRUE(log.has(LogE("initialize", "TalvoProxyIpc has been already initialized")));
 }
 
 // Messages are classified by their keys: a context (or its marker) makes a state answer,
@@ -288,30 +286,10 @@ TEST_F(IpcTest, AnswerUpToTheCapIsJoinedAndOnePastItIsDroppedUntilItsEnd) {
                  {kSender, "appContext", "{\"s\":1}"}});
 }
 
-// The app runs but has not registered its port: a state request is neither sent nor
-// retried; an action waits for the port without a launch request.
-TEST_F(IpcTest, MessagePortAppThatRunsWithoutItsPortGetsNoStateRequest) {
-  const std::string app = "org.velna.test.portless";
-  installApp(app, "1.0-alpha", TEST_APP);
-  ASSERT_TRUE(env.launch(app));
-  BundlePtr request = MakeBundle({{"actionId", "getAppContext"}});
-  const int mark = log.size();
-  EXPECT_EQ(0, send(app, request.get(), true));
-  EXPECT_TRUE(log.has(LogD("_isConnectedToApp", app + "'s connection status:0")));
-  EXPECT_EQ(0, log.countFrom("_connectApp", mark));
-  EXPECT_EQ(0, log.countFrom("_sendDataToApp", mark));
-  EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
-
-  EXPECT_EQ(0, send(app, request.get()));
-  EXPECT_TRUE(log.has(LogD("_connectApp", "AppID : " + app)));
-  EXPECT_EQ(0, log.countFrom("_launchApp", mark));
-  EXPECT_NE(nullptr, ipc->GetAppLaunchInfo(app));
-}
-
 // The package manager names the package, the app information its alias package: the app is
 // an alias when the package does not begin with the alias package. Installed without Exec,
 // every app's launch is refused, with or without the alias path.
-TEST_F(IpcTest, AliasAppIsLaunchedFirstAndARefusedLaunchFailsTheAction) {
+TEST_F(IpcTest, AliasAppIsLaunchedFirstARefusedLaunchFailsAndAPortlessAppGetsNoStateRequest) {
   struct Case {
     const char *package, *infoPackage;  // infoPackage empty: the same as package
     bool alias;
@@ -353,13 +331,52 @@ TEST_F(IpcTest, AliasAppIsLaunchedFirstAndARefusedLaunchFailsTheAction) {
     EXPECT_EQ(0, send(app, request.get(), true));
     EXPECT_EQ(0, log.countFrom("_isExistedAliasApp", mark) + log.countFrom("_launchApp", mark));
   }
+
+  // The app runs but has not registered its port: a state request is neither sent nor
+  // retried; an action waits for the port without a launch request.
+  const std::string app = "org.velna.test.portless";
+  installApp(app, "1.0-alpha", TEST_APP);
+  ASSERT_TRUE(env.launch(app));
+  BundlePtr request = MakeBundle({{"actionId", "getAppContext"}});
+  const int mark = log.size();
+  EXPECT_EQ(0, send(app, request.get(), true));
+  EXPECT_TRUE(log.has(LogD("_isConnectedToApp", app + "'s connection status:0")));
+  EXPECT_EQ(0, log.countFrom("_connectApp", mark));
+  EXPECT_EQ(0, log.countFrom("_sendDataToApp", mark));
+  EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
+
+  EXPECT_EQ(0, send(app, request.get()));
+  EXPECT_TRUE(log.has(LogD("_connectApp", "AppID : " + app)));
+  EXPECT_EQ(0, log.countFrom("_launchApp", mark));
+  EXPECT_NE(nullptr, ipc->GetAppLaunchInfo(app));
 }
 
-// A second request during the launch replaces the waiting one, which is never sent.
-TEST_F(IpcTest, RpcPortAppIsConnectedOnDemandAndTheLatestWaitingRequestSentFromOnConnected) {
-  env.installSample(kRpcApp);
+// The app first exits before it opens its port, so the platform rejects the connection.
+// Then a second request during the launch replaces the waiting one, which is never sent;
+// the app serves it and crashes on a later one. Seen from inside the event that reports
+// a loss, the client is still there; it goes on a later loop turn with the metadata.
+TEST_F(IpcTest, RpcPortAppIsConnectedOnDemandAndRemovedOnALaterTurnAfterALoss) {
+  auto present = [this] { return ipc->clientsMap.count(kRpcApp) != 0; };
+  log.probe = [this, present](const std::string &message) {
+    if (message.find("is OnRejected") != message.npos ||
+        message.find("is OnDisconnected") != message.npos)
+      presentInsideEvent += present() ? 1 : 100;
+  };
   const std::string app = kRpcApp;
+  env.installSample(kRpcApp, "/bin/false");
   BundlePtr replaced = MakeBundle({{"actionId", "replaced"}});
+  ASSERT_EQ(0, send(app, replaced.get()));
+  ASSERT_TRUE(present());
+  ASSERT_TRUE(RunLoopUntil([&] { return !present(); }, 8000));
+  EXPECT_EQ(1, presentInsideEvent);
+  EXPECT_TRUE(answers.empty());
+  EXPECT_TRUE(log.sequence({LogI("OnRejected", "(" + app + ") is OnRejected"),
+                            LogD("_clientRemoveCb", "Callback _clientRemoveCb - (" + app + ")"),
+                            LogD("_clientRemoveCb", "RemoveCb clientMap size(0)"),
+                            LogD("RemoveMetaDataMapEntry", "Remove metaDataMap size(0)")}));
+  EXPECT_EQ(nullptr, metaDataOf(app));
+
+  env.installSample(kRpcApp);
   BundlePtr request = MakeBundle({{"actionId", "setAlarm"}, {"sample_echo", "1"}});
   bundle_add_byte(request.get(), "blob", "\x01\x00\x02", 3);
   const char *list[] = {"a", "b"};
@@ -381,8 +398,6 @@ TEST_F(IpcTest, RpcPortAppIsConnectedOnDemandAndTheLatestWaitingRequestSentFromO
   EXPECT_TRUE(echo.find("blob:byte:3") != echo.npos && echo.find("list") == echo.npos) << echo;
   EXPECT_TRUE(log.has("Key value is array type"));
   EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
-  ASSERT_NE(nullptr, ipc->GetClientInfo(app));
-  EXPECT_TRUE(ipc->GetClientInfo(app)->connected);
 
   // Connecting an app whose client waits for nothing replaces that client and drops the
   // app's metadata; the new connection finds no request waiting.
@@ -402,11 +417,25 @@ TEST_F(IpcTest, RpcPortAppIsConnectedOnDemandAndTheLatestWaitingRequestSentFromO
        LogE("OnConnected", "appLaunchInfo is null")},
       mark));
   EXPECT_TRUE(ipc->GetClientInfo(app)->connected);
+
+  BundlePtr crash = MakeBundle({{"actionId", "crash"}, {"sample_reply", "crash"}});
+  ASSERT_EQ(0, send(app, crash.get()));
+  EXPECT_TRUE(ipc->appLaunchInfoMap.empty());  // sent at once, no launch wait
+  mark = log.size();
+  ASSERT_TRUE(RunLoopUntil([&] { return !present(); }, 8000));
+  EXPECT_EQ(2, presentInsideEvent);
+  EXPECT_TRUE(log.sequence({LogI("OnDisconnected", "(" + app + ") is OnDisconnected"),
+                            LogD("_clientRemoveCb", "Callback _clientRemoveCb - (" + app + ")"),
+                            LogD("RemoveMetaDataMapEntry", "Remove metaDataMap size(0)")},
+                           mark));
+  EXPECT_EQ(nullptr, metaDataOf(app));
 }
 
 // The platform refuses the connection at once: an app that is not installed, an app that
-// does not allow this client, a runtime directory that cannot be made.
-TEST_F(IpcTest, ConnectionRefusedAtOnceRemovesTheClientAndTheAppsMetadata) {
+// does not allow this client, a runtime directory that cannot be made. An app that refuses
+// the delegate (SetCB answers 1) leaves the client unconnected, and the launch wait answers
+// with the library's failure after its 10 s.
+TEST_F(IpcTest, RefusedConnectionRemovesTheClientAtOnceAndARefusedDelegateAtTheWaitsEnd) {
   installApp("org.velna.test.private", "1.1.0", TEST_APP, "org.velna.test.someone;");
   installApp("org.velna.test.noruntime", "1.1.0", TEST_APP);
   const std::string runtime = env.runtimeDir();
@@ -434,11 +463,7 @@ TEST_F(IpcTest, ConnectionRefusedAtOnceRemovesTheClientAndTheAppsMetadata) {
     EXPECT_TRUE(ipc->appLaunchInfoMap.empty());
     EXPECT_EQ(nullptr, metaDataOf(c.appId));
   }
-}
 
-// The app refuses the delegate (SetCB answers 1): the client stays unconnected and the
-// launch wait answers with the library's failure after its 10 s.
-TEST_F(IpcTest, RefusedCallbackRegistrationIsAnsweredByTheLaunchWaitRunningOut) {
   setenv("MESSAGE_TEST_APP_REGISTER_RESULT", "1", 1);
   const std::string app = "org.velna.test.refusing";
   installApp(app, "1.1.0", S(TEST_APP) + " lax");
@@ -453,46 +478,6 @@ TEST_F(IpcTest, RefusedCallbackRegistrationIsAnsweredByTheLaunchWaitRunningOut) 
   EXPECT_EQ(app, answers[0].appId);
   EXPECT_EQ("{\"result\":\"Failure\"}", answers[0].str("result"));
   EXPECT_TRUE(ipc->clientsMap.empty() && ipc->appLaunchInfoMap.empty());
-}
-
-// The app exits before it opens its port, so the platform rejects the connection; then it
-// serves a request and crashes on the next. Seen from inside the event that reports the
-// loss, the client is still there.
-TEST_F(IpcTest, RejectionAndDisconnectionRemoveTheClientOnALaterLoopTurn) {
-  auto present = [this] { return ipc->clientsMap.count(kRpcApp) != 0; };
-  log.probe = [this, present](const std::string &message) {
-    if (message.find("is OnRejected") != message.npos ||
-        message.find("is OnDisconnected") != message.npos)
-      presentInsideEvent += present() ? 1 : 100;
-  };
-  const std::string app = kRpcApp;
-  env.installSample(kRpcApp, "/bin/false");
-  BundlePtr request = MakeBundle({{"actionId", "setAlarm"}});
-  ASSERT_EQ(0, send(app, request.get()));
-  ASSERT_TRUE(present());
-  ASSERT_TRUE(RunLoopUntil([&] { return !present(); }, 8000));
-  EXPECT_EQ(1, presentInsideEvent);
-  EXPECT_TRUE(answers.empty());
-  EXPECT_TRUE(log.sequence({LogI("OnRejected", "(" + app + ") is OnRejected"),
-                            LogD("_clientRemoveCb", "Callback _clientRemoveCb - (" + app + ")"),
-                            LogD("_clientRemoveCb", "RemoveCb clientMap size(0)"),
-                            LogD("RemoveMetaDataMapEntry", "Remove metaDataMap size(0)")}));
-  EXPECT_EQ(nullptr, metaDataOf(app));
-
-  env.installSample(kRpcApp);
-  ASSERT_EQ(0, send(app, request.get()));
-  ASSERT_TRUE(waitForAnswers(1)) << log.dump();
-  BundlePtr crash = MakeBundle({{"actionId", "crash"}, {"sample_reply", "crash"}});
-  ASSERT_EQ(0, send(app, crash.get()));
-  EXPECT_TRUE(ipc->appLaunchInfoMap.empty());  // sent at once, no launch wait
-  const int mark = log.size();
-  ASSERT_TRUE(RunLoopUntil([&] { return !present(); }, 8000));
-  EXPECT_EQ(2, presentInsideEvent);
-  EXPECT_TRUE(log.sequence({LogI("OnDisconnected", "(" + app + ") is OnDisconnected"),
-                            LogD("_clientRemoveCb", "Callback _clientRemoveCb - (" + app + ")"),
-                            LogD("RemoveMetaDataMapEntry", "Remove metaDataMap size(0)")},
-                           mark));
-  EXPECT_EQ(nullptr, metaDataOf(app));
 }
 
 // The focus wait of an alias app against the window-manager simulator on a private bus.

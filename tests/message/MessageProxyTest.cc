@@ -103,13 +103,11 @@ class MessageProxy : public ::testing::Test {
   // A proxy log line "message.cc: <operation>(<line>) > <text>" at error priority.
   bool HasProxyLine(const std::string &operation, const std::string &text) const {
     const std::string head = "message.cc: " + operation + "(", tail = ") > " + text;
-    for (const auto &l : log.lines()) {
-      size_t end = l.message.find_first_not_of("0123456789", head.size());
-      if (l.tag == "RPC_PORT_PROXY" && l.prio == DLOG_ERROR && l.message.rfind(head, 0) == 0 &&
-          end > head.size() && end != std::string::npos && l.message.substr(end) == tail)
-        return true;
-    }
-    return false;
+    return log.has(testsupport::LogCapture::Match([&](const testsupport::LogLine &l) {
+      const size_t end = l.message.find_first_not_of("0123456789", head.size());
+      return l.tag == "RPC_PORT_PROXY" && l.prio == DLOG_ERROR && l.message.rfind(head, 0) == 0 &&
+             end > head.size() && end != std::string::npos && l.message.substr(end) == tail;
+    }));
   }
 
   testsupport::TempEnv env;
@@ -157,7 +155,7 @@ TEST_F(MessageProxy, SetCBReturnsTheAppsValueKeepingTheDelegateAndListenerExcept
   EXPECT_EQ(seen->payloads, (Strings{"hello", "hello"}));
 }
 
-TEST_F(MessageProxy, UnsetCBLeavesTheLocalDelegateAndSendNeverReadsTheMainPort) {
+TEST_F(MessageProxy, UnsetCBAndAFailedResultWaitLeaveTheDelegateAndSendNeverReadsTheMainPort) {
   auto proxy = Connected("lax");
   auto seen = Register(*proxy);
 
@@ -171,9 +169,23 @@ TEST_F(MessageProxy, UnsetCBLeavesTheLocalDelegateAndSendNeverReadsTheMainPort) 
   ASSERT_TRUE(WaitFor(seen, 1));
   EXPECT_EQ(seen->payloads, Strings{"still-here"});
   EXPECT_FALSE(seen->destroyed);
+
+  auto failing = Connected("exit-on-register", "org.velna.test.messageapp2");
+  auto kept = std::make_shared<Seen>();
+  auto delegate = NewRecorder(kept);
+  EXPECT_THROW(failing->SetCB(delegate), rpc_port::message::proxy::InvalidProtocolException);
+  EXPECT_EQ(delegate, nullptr);
+  EXPECT_TRUE(HasProxyLine("SetCB", "Invalid protocol"));
+  EXPECT_FALSE(kept->destroyed);
+
+  // The disconnection empties the delegate list, so the delegate was in it.
+  ASSERT_TRUE(RunLoopUntil([&] { return listener.disconnected == 1; }, 5000));
+  EXPECT_TRUE(kept->destroyed);
 }
 
-TEST_F(MessageProxy, CallsBeforeTheConnectedEventThrowAndSendNothing) {
+// The refusals that raise (-22, -13, -5) are pinned through the IPC component's connect;
+// any other refusal is only logged.
+TEST_F(MessageProxy, CallsBeforeTheConnectedEventThrowAndARefusedConnectOnlyLogs) {
   message proxy(&listener, kAppId);
   auto seen = std::make_shared<Seen>();
   auto delegate = NewRecorder(seen);
@@ -190,32 +202,13 @@ TEST_F(MessageProxy, CallsBeforeTheConnectedEventThrowAndSendNothing) {
   Send(proxy, "answer", "");
   ASSERT_TRUE(WaitFor(seen, 1));
   EXPECT_EQ(seen->commands, Strings{"2,4"});
-}
 
-// The refusals that raise (-22, -13, -5) are pinned through the IPC component's connect;
-// any other refusal is only logged.
-TEST_F(MessageProxy, ConnectOnlyLogsARefusalWithoutAnException) {
   std::string deep = env.root() + "/" + std::string(100, 'd');
   ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
   setenv("VELNA_RUNTIME_DIR", deep.c_str(), 1);  // no room left for socket names: -36
   message cramped(&listener, kAppId);
-  log.clear();
   EXPECT_NO_THROW(cramped.Connect());
   EXPECT_TRUE(HasProxyLine("Connect", "Failed to connect message")) << log.dump();
-}
-
-TEST_F(MessageProxy, PortFailingDuringTheResultWaitThrowsAndKeepsTheDelegate) {
-  auto proxy = Connected("exit-on-register");
-  auto seen = std::make_shared<Seen>();
-  auto delegate = NewRecorder(seen);
-  EXPECT_THROW(proxy->SetCB(delegate), proxy::InvalidProtocolException);
-  EXPECT_EQ(delegate, nullptr);
-  EXPECT_TRUE(HasProxyLine("SetCB", "Invalid protocol"));
-  EXPECT_FALSE(seen->destroyed);
-
-  // The disconnection empties the delegate list, so the delegate was in it.
-  ASSERT_TRUE(RunLoopUntil([&] { return listener.disconnected == 1; }, 5000));
-  EXPECT_TRUE(seen->destroyed);
 }
 
 // The app sends a callback parcel on the main port before SetCB's result, which the result

@@ -1,8 +1,5 @@
-// The action and state request components on their own: pending requests per app, and
-// the delivery of answers handed to them as the proxy core would. For state requests the
-// test process is the app that is asked: it runs under its own VELNA_APP_ID once it has
-// entered the main loop.
-#include <app_manager.h>
+// The request components, handed answers as the proxy core would. For state requests this
+// process is the app asked: it runs under its VELNA_APP_ID once it has entered the loop.
 #include <gtest/gtest.h>
 #include <json-glib/json-glib.h>
 #include <stdlib.h>
@@ -47,7 +44,6 @@ TEST_F(ActionRequestTest, SecondRequestReplacesTheFirstAndARequestWithoutMetadat
   Recorder first, second, unreadable;
   BundlePtr partial = MakeBundle({{"capsuleId", "only"}, {"appVersion", "two keys"}});
   EXPECT_EQ(request->executeAction(kApp, partial.get(), Recorder::Callback, &unreadable), -12);
-  EXPECT_TRUE(log.has("app_info_create failed ERROR["));
   EXPECT_TRUE(log.has("In executeAction function for app:org.velna.test.music, action:(null)"));
   Answer("early");
   EXPECT_EQ(unreadable.calls(), 1);
@@ -67,19 +63,13 @@ TEST_F(ActionRequestTest, SecondRequestReplacesTheFirstAndARequestWithoutMetadat
   EXPECT_TRUE(log.has("[Received Data Length: 15]-----------------------------------------"));
   Answer("again");
   EXPECT_EQ(second.calls(), 1);
-  EXPECT_TRUE(log.has("No action execute callback registered by talvo client for app:" +
-                      std::string(kApp)));
-
 }
 
 class StateRequestTest : public ::testing::Test {
  public:
   void SetUp() override {
     setenv("VELNA_APP_ID", kSelf, 1);
-    RunLoopFor(10);  // registers this process as kSelf
-    bool running = false;
-    ASSERT_EQ(app_manager_is_running(kSelf, &running), 0);
-    ASSERT_TRUE(running);
+    RunLoopFor(10);  // registers this process as kSelf, or no state request is accepted
     request = TalvoProxyStateRequest::getInstance();
     ASSERT_EQ(request->initialize(), 0);
   }
@@ -126,7 +116,7 @@ TEST_F(StateRequestTest, SecondRequestReplacesTheFirstAndTheCallersActionIdIsKep
 
 // Only a running app is asked for its state; an app whose running state cannot be read
 // (an id the platform rejects) is refused with a code of its own. Neither is recorded.
-TEST_F(StateRequestTest, AppThatDoesNotRunOrWhoseStateCannotBeReadIsRefused) {
+TEST_F(StateRequestTest, RefusalsRecordOnlyARequestToARunningAppWithoutMetadata) {
   BundlePtr data = RequestWithMetadata("1.2.0", "cap.one");
   EXPECT_EQ(request->requestAppState(kApp, data.get(), Recorder::Callback, &recorder), -1073741825);
   EXPECT_EQ(
@@ -140,6 +130,21 @@ TEST_F(StateRequestTest, AppThatDoesNotRunOrWhoseStateCannotBeReadIsRefused) {
   BundlePtr answer = MakeBundle({{"appContext", "{}"}});
   request->_processAppStateResult(kApp, answer.get(), "{}");
   EXPECT_EQ(recorder.calls(), 0);
+
+  // Neither the request nor a manifest declares this process's metadata: refused with -12
+  // but recorded; its answer waits until a metadata record exists.
+  BundlePtr bare = MakeBundle();
+  EXPECT_EQ(request->requestAppState(kSelf, bare.get(), Recorder::Callback, &recorder), -12);
+  Answer(kFailure, "{}");
+  EXPECT_EQ(recorder.calls(), 0);
+  EXPECT_TRUE(log.has("MetaDataInfo is null"));
+  BundlePtr declared = RequestWithMetadata("3.0", "cap.three");
+  ASSERT_NE(TalvoProxyCommonData::getInstance()->ExtractMetaData(kSelf, declared.get()), nullptr);
+  Answer(kFailure, "{}");
+  ASSERT_EQ(recorder.calls(), 1);
+  EXPECT_EQ(recorder.last().str("appContext"),
+            "{\"appId\":\"org.velna.test.client\",\"appVersion\":\"3.0\","
+            "\"capsuleId\":\"cap.three\"}");
 }
 
 // A context as one JSON string, in the generator's default form.
@@ -209,24 +214,6 @@ TEST_F(StateRequestTest, ContextIsWrappedInTheEnvelopeOrAnsweredWithFailure) {
               failure ? "Json failure because of missing parameter" : "from the app");
     EXPECT_EQ(failure, log.has("JSON parameters error"));
   }
-}
-
-TEST_F(StateRequestTest, AnswerWithoutMetadataRecordLeavesTheRequestPending) {
-  // Neither the request nor a manifest declares this process's metadata: refused with -12
-  // but recorded.
-  BundlePtr bare = MakeBundle();
-  EXPECT_EQ(request->requestAppState(kSelf, bare.get(), Recorder::Callback, &recorder), -12);
-  Answer(kFailure, "{}");
-  EXPECT_EQ(recorder.calls(), 0);
-  EXPECT_TRUE(log.has("MetaDataInfo is null"));
-
-  BundlePtr data = RequestWithMetadata("3.0", "cap.three");
-  ASSERT_NE(TalvoProxyCommonData::getInstance()->ExtractMetaData(kSelf, data.get()), nullptr);
-  Answer(kFailure, "{}");
-  ASSERT_EQ(recorder.calls(), 1);
-  EXPECT_EQ(recorder.last().str("appContext"),
-            "{\"appId\":\"org.velna.test.client\",\"appVersion\":\"3.0\","
-            "\"capsuleId\":\"cap.three\"}");
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
-// Captures this process's log lines through the platform's capture handler while the
-// object lives. Each line is kept whole: priority, tag and message; a line of the library
-// also has its prefix ("<version text> <source line> <function>(): ") taken apart, so
-// that tests compare records (priority, function, message text) rather than substrings.
+// This process's log lines while the object lives, each whole; a library line's prefix
+// ("<version text> <source line> <function>(): ") is taken apart to compare records.
 #pragma once
 
 #include <dlog.h>
@@ -101,8 +99,7 @@ class LogCapture {
     return out;
   }
 
-  // When set, runs with each message from inside the logging call, that is, inside the
-  // event that logs it.
+  // When set, runs with each message inside the logging call, so inside the event logging it.
   std::function<void(const std::string &message)> probe;
 
  private:

@@ -8,8 +8,7 @@
 
 namespace testsupport {
 
-// Runs the loop until done() is true (checked every 5 ms) or timeoutMs has passed.
-// Returns whether done() became true.
+// Whether done(), checked every 5 ms, became true within timeoutMs of running the loop.
 inline bool RunLoopUntil(const std::function<bool()> &done, int timeoutMs) {
   auto check = [](void *data) { return (*static_cast<const std::function<bool()> *>(data))(); };
   auto *data = const_cast<std::function<bool()> *>(&done);
