@@ -38,9 +38,9 @@ pid_t SpawnAndReadLine(const std::vector<std::string> &args, std::string *line) 
   return pid;
 }
 
-void Stop(pid_t pid) {
+void Stop(pid_t pid, int signal = SIGTERM) {
   if (pid <= 0) return;
-  kill(pid, SIGTERM);
+  kill(pid, signal);
   waitpid(pid, nullptr, 0);
 }
 
@@ -78,9 +78,7 @@ BusFixture::~BusFixture() {
 }
 
 void BusFixture::kill() {
-  if (pid_ <= 0) return;
-  ::kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
+  Stop(pid_, SIGKILL);
   pid_ = -1;
 }
 
