@@ -377,6 +377,14 @@ static int dest_connect(const char *app_id, const char *port, const char *key,
         r = velna_channel_connect(path, MESSAGE_PORT_MAX_MESSAGE_SIZE, &channel);
         if (r < 0)
                 return r;
+        /* Only the counted instance's listener is the port. An instance on its way out
+         * can hold its socket a moment after the registry stops counting it (its main
+         * thread a zombie while another still exits), and the next one is counted
+         * before it listens: a message accepted there would be lost. */
+        if (velna_channel_peer_pid(channel) != pid) {
+                velna_channel_close(channel);
+                return -ENOENT;
+        }
 
         if (!dests)
                 dests = g_hash_table_new_full(g_str_hash, g_str_equal, NULL, dest_free);

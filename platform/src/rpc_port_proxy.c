@@ -289,6 +289,17 @@ static const char *ensure_target(struct rpc_port_proxy_s *p)
         return NULL;
 }
 
+/* Whether the listener behind ch is the instance of app_id that the registry counts. An
+ * instance on its way out can hold its socket a moment after it stops counting, and the
+ * next one is counted before it listens: a handshake there would end with the old one.
+ * Another user's listener is left to the handshake, which refuses it by name. */
+static bool listener_is_counted(const char *app_id, velna_channel *ch)
+{
+        pid_t pid;
+        return velna_channel_peer_uid(ch) != geteuid() ||
+               (running_registry_get_pid(app_id, &pid) == 0 && pid == velna_channel_peer_pid(ch));
+}
+
 static gboolean on_attempt(gpointer data)
 {
         struct rpc_port_proxy_s *p = data;
@@ -297,6 +308,10 @@ static gboolean on_attempt(gpointer data)
 
         velna_channel *ch = NULL;
         int r = velna_channel_connect(p->path, RPC_PORT_MAX_PARCEL_SIZE, &ch);
+        if (r == 0 && !listener_is_counted(p->app_id, ch)) {
+                velna_channel_close(ch);
+                r = -ENOENT; /* waited for like a port that is not open yet */
+        }
         const char *why = NULL;
         if (r == 0)
                 why = start_handshake(p, ch);
