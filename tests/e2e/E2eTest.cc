@@ -7,7 +7,6 @@
 #include <unistd.h>
 #include <velna_main_loop.h>
 
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>

@@ -32,11 +32,6 @@ int OpenFds() {
   return int(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
-bool Running(const std::string &appId) {
-  bool running = false;
-  return app_manager_is_running(appId.c_str(), &running) == 0 && running;
-}
-
 // Every result callback's call, in call order, labelled with its request's label.
 struct Calls {
   std::vector<Answer> all;
@@ -150,7 +145,7 @@ TEST_F(AppFaults, PortAppKilledDuringItsAnswerLeavesOnlyItsBytesInTheSharedBuffe
   ASSERT_EQ(0, act(kPort, "halfway", {{"actionId", "a2"}, {"fault", "chunks-then-kill"}}));
   ASSERT_TRUE(RunLoopUntil([&] { return log->count("Request Execution Result Recieved from") >= 2; }, 10000))
       << log->dump();
-  ASSERT_TRUE(RunLoopUntil([&] { return !Running(kPort); }, 5000));
+  ASSERT_TRUE(RunLoopUntil([&] { return !IsRunning(kPort); }, 5000));
 
   ASSERT_EQ(0, act(kPort, "next", {{"actionId", "a3"}, {"chunk", "4"}}));
   ASSERT_TRUE(waitCalls(1, 10000)) << log->dump();
@@ -202,7 +197,7 @@ TEST_F(AppFaults, AnAppThatAnswersAndExitsAtOnceIsHeardTwentyTimesOutOfTwenty) {
     std::string action = "n" + std::to_string(i);
     ASSERT_EQ(0, act(kPort, action, {{"actionId", action}, {"fault", "answer-and-exit"}}));
     ASSERT_TRUE(waitCalls(size_t(i) + 1, 10000)) << "answer " << i << "\n" << log->dump();
-    ASSERT_TRUE(RunLoopUntil([&] { return !Running(kPort); }, 5000));
+    ASSERT_TRUE(RunLoopUntil([&] { return !IsRunning(kPort); }, 5000));
   }
   ASSERT_TRUE(settle(20));
   for (int i = 0; i < 20; ++i) {
@@ -277,7 +272,7 @@ TEST_F(AppFaults, SenderIdWrittenIntoAMessageIsNeverBelieved) {
   install(kPort, "port-app", false);
   install(victim, "port-app", false);
   ASSERT_EQ(0, act(victim, "victim", {{"actionId", "v"}, {"fault", "silent"}}));
-  ASSERT_TRUE(RunLoopUntil([&] { return Running(victim) && log->has("Sent app launch request"); }, 5000));
+  ASSERT_TRUE(RunLoopUntil([&] { return IsRunning(victim) && log->has("Sent app launch request"); }, 5000));
   ASSERT_TRUE(RunLoopUntil([&] { return TalvoProxyIpc::getInstance()->appLaunchInfoMap.empty(); }, 10000));
   ASSERT_EQ(0, act(kPort, "liar", {{"actionId", "l"}, {"fault", "impersonate"}, {"victim", victim}}));
   ASSERT_TRUE(settle(1, 10000, 500)) << log->dump();

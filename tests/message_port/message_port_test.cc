@@ -328,11 +328,7 @@ class MonitorTap : public MessagePort {
 
 TEST_F(MonitorTap, ListensOverADeadSocketGetsWholeBurstsInOrderAndARestartLosesNothing) {
   send(0);  // no monitor yet: nothing is kept for a later one
-  int dead = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-  sockaddr_un addr{AF_UNIX, {}};
-  socketPath().copy(addr.sun_path, sizeof addr.sun_path - 1);
-  ASSERT_EQ(0, bind(dead, reinterpret_cast<sockaddr *>(&addr), sizeof addr));
-  close(dead);  // the file stays, nobody listens
+  close(RawListen(socketPath()));  // the file stays, nobody listens
 
   ASSERT_EQ(0, velna_monitor_listen(&monitor_));
   struct stat st;

@@ -31,6 +31,7 @@ extern "C" {
 
 namespace {
 
+using testsupport::IsRunning;
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 const std::string kSdkKey = "http://velna.org/velna/metadata/talvo/sdk/version";
@@ -69,12 +70,6 @@ std::string Fields(const char *appId) {
 
 const char *kApp = "org.example.testapp";
 const char *kOperation = "http://velna.org/appcontrol/operation/talvo";
-
-bool IsRunning(const char *appId) {
-  bool running = false;
-  EXPECT_EQ(0, app_manager_is_running(appId, &running));
-  return running;
-}
 
 std::string AppIdOf(pid_t pid) {
   char *id = nullptr;

@@ -6,12 +6,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <rpc-port.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -304,22 +301,8 @@ TEST_F(RpcPort, HostilePeersOnEitherSideEndOnlyTheirOwnConnection) {
   close(mainFd), close(cbFd);
   ExpectEcho(bystander.port, "unbothered");
 
-  // The fake app: a child counted as test.fake listens, and this process takes its calls.
-  int listenFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), ready[2];
-  sockaddr_un addr{AF_UNIX, {}};
-  SocketPath("test.fake").copy(addr.sun_path, sizeof addr.sun_path - 1);
-  ASSERT_EQ(bind(listenFd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-  ASSERT_EQ(pipe(ready), 0);
-  pid_t fake = fork();
-  if (fake == 0) {  // async-signal-safe calls only
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (listen(listenFd, 8) == 0) write(ready[1], "", 1);
-    pause();
-    _exit(0);
-  }
-  char byte;
-  ASSERT_EQ(read(ready[0], &byte, 1), 1);
-  ASSERT_EQ(running_registry_register("test.fake", fake), 0);
+  int listenFd = RawListen(SocketPath("test.fake"));  // the fake app: this process, counted as it
+  ASSERT_TRUE(listenFd >= 0 && running_registry_register("test.fake", getpid()) == 0);
   ASSERT_EQ(spoiled.connect("test.fake"), 0);
   int fd[2] = {-1, -1};  // both channels, filed by the kind that their hellos name
   for (int n = 0, one = -1; n < 2; n++) {
@@ -334,9 +317,7 @@ TEST_F(RpcPort, HostilePeersOnEitherSideEndOnlyTheirOwnConnection) {
   EXPECT_EQ(spoiled.events(), 0) << "connected only once both channels are acknowledged";
   ASSERT_TRUE(WriteAll(fd[kMain], Frame("hello?")));
   ASSERT_TRUE(RunLoopUntil([&] { return spoiled.rejected > 0; }, 5000));
-  for (int f : {fd[0], fd[1], listenFd, ready[0], ready[1]}) close(f);
-  kill(fake, SIGKILL);
-  waitpid(fake, nullptr, 0);
+  for (int f : {fd[0], fd[1], listenFd}) close(f);
   ExpectEcho(bystander.port, "bystander");
   EXPECT_EQ(spoiled.events() + bystander.disconnected, 1);
 }

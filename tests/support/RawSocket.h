@@ -44,13 +44,14 @@ inline int RawConnect(const std::string &path) {
   return fd;
 }
 
-// A socket listening at path, where any file is replaced (owned by the caller), or -1.
+// A non-blocking socket listening at path, where any file is replaced (owned by the
+// caller), or -1.
 inline int RawListen(const std::string &path) {
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
   unlink(path.c_str());
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd >= 0 && (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 8) != 0))
     close(fd), fd = -1;
   return fd;

@@ -2,6 +2,7 @@
 
 #include <app_control.h>
 #include <app_manager.h>
+#include <gtest/gtest.h>
 #include <message_port.h>
 #include <stdlib.h>
 
@@ -12,6 +13,12 @@
 #include "LoopUntil.h"
 
 namespace testsupport {
+
+bool IsRunning(const std::string &appId) {
+  bool running = false;
+  EXPECT_EQ(0, app_manager_is_running(appId.c_str(), &running)) << appId;
+  return running;
+}
 
 TempEnv::TempEnv() {
   char tmpl[] = "/tmp/vt-XXXXXX";
@@ -65,9 +72,7 @@ bool TempEnv::launch(const std::string &appId, const char *port) {
   app_control_destroy(control);
   auto ready = [&] {
     bool yes = false;
-    if (port) message_port_check_remote_port(appId.c_str(), port, &yes);
-    else app_manager_is_running(appId.c_str(), &yes);
-    return yes;
+    return port ? message_port_check_remote_port(appId.c_str(), port, &yes) == 0 && yes : IsRunning(appId);
   };
   return ret == 0 && RunLoopUntil(ready, 10000);
 }

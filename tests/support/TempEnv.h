@@ -14,6 +14,9 @@ constexpr char kPortApp[] = "org.velna.sample.portcompanion";
 constexpr char kRpcApp[] = "org.velna.sample.rpccompanion";
 constexpr char kAliasApp[] = "org.velna.sample.aliascompanion";
 
+// Whether the registry counts appId as running (a failing query fails the test).
+bool IsRunning(const std::string &appId);
+
 struct Manifest {
   std::string appId, package;
   std::string infoPackage, exec;  // empty: the key is left out

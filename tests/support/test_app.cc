@@ -3,32 +3,29 @@
 //   exit   exit at once, before the loop
 //   echo   rpc-port "echo"; a parcel's int32 command: 1 string, bundle -> main: 0, string,
 //          bundle; 2 bundle -> callback: 1, bundle; 3 nothing; 4 SIGKILL
-//   lax, callback-first, exit-on-register, setcb-silent, setcb-stray, wrong-id
-//          interface "message" by hand, keeping every delegate. SetCB and UnsetCB answer
+//   lax, callback-first, exit-on-register, setcb-silent, setcb-stray, wrong-id: interface
+//          "message" by hand, keeping every delegate. SetCB and UnsetCB answer
 //          MESSAGE_TEST_APP_REGISTER_RESULT (0); at SetCB "callback-first" first invokes
 //          the delegate on the main channel, "exit-on-register" exits, "setcb-*" never
 //          answer ("setcb-stray" sends command 7 on the main channel every 200 ms for 10 s).
 //          A Send's "do" lists steps: "answer" (each delegate "count" times, "result" =
-//          "sample_result", "commands" = codes received), "unknown-seq",
-//          "unreadable-string", "wrong-command" (7 on the callback channel), "stray-result".
-//          "wrong-id" answers every Send in the name of "org.velna.someone.else".
-//   port-app
-//          the companion SDK on its message port: "result" "answer:<actionId>" with status
-//          "0"/"ok", in pieces of "chunk" bytes when given; "fault": "silent",
+//          "sample_result", "commands" = codes received), "unknown-seq", "unreadable-string",
+//          "wrong-command" (7 on the callback channel), "stray-result". "wrong-id" answers
+//          every Send in the name of "org.velna.someone.else".
+//   port-app  the companion SDK on its message port: "result" "answer:<actionId>" with
+//          status "0"/"ok", in pieces of "chunk" bytes when given; "fault": "silent",
 //          "chunks-then-kill" ("first-", "second-", SIGKILL), "answer-and-exit", "flood"
 //          ("count" answers "flood-<i>"), "impersonate" (names "victim" in the answer)
-//   no-status
-//          message port "TALVO_APP_SDK_PORT_516" by hand: answers without "status_code"
-//   sdk, no-concepts, no-port
-//          the companion SDK trying its answer rules on every request, reporting what it
-//          said. Action "hold": keep the answer; when the client disconnects, send it and
-//          append "<client> <result>" to the file SDK_TEST_REPORT names. Other actions:
-//          "done:<actionId>" (or "size" bytes of 'x'), after "delay_ms" when given, with the
-//          results "wrong_kind" (a context sent), "reserved" (a protocol key added) and,
-//          from the second request on, "stale" (a send on the previous, ended answer).
-//          Contexts: the refusals "not_object" and "no_concepts", then one with "concepts"
-//          (padded to "size"). "no-concepts" answers a context without "concepts";
-//          "no-port" never starts serving.
+//   no-status  message port "TALVO_APP_SDK_PORT_516" by hand: answers without "status_code"
+//   sdk, no-concepts, no-port: the companion SDK trying its answer rules on every request,
+//          reporting what it said. Action "hold": keep the answer; when the client
+//          disconnects, send it and append "<client> <result>" to the file SDK_TEST_REPORT
+//          names. Other actions: "done:<actionId>" (or "size" bytes of 'x'), after
+//          "delay_ms" when given, with the results "wrong_kind" (a context sent), "reserved"
+//          (a protocol key added) and, from the second request on, "stale" (a send on the
+//          previous, ended answer). Contexts: the refusals "not_object" and "no_concepts",
+//          then one with "concepts" (padded to "size"). "no-concepts" answers a context
+//          without "concepts"; "no-port" never starts serving.
 //   other  run the loop until SIGTERM
 // MP_TEST_PORT registers that message port: "cmd" "echo" answers to "reply_port" with
 // "sender" added, "send" sends "count" numbered messages of "size" bytes there;
