@@ -277,6 +277,7 @@ TEST_F(RpcPort, HostilePeersOnEitherSideEndOnlyTheirOwnConnection) {
   env_.install({"test.fake", "org.test.fake", "", "", "", {}});
   Client bystander, spoiled;
   int stale = RawListen(SocketPath(kEchoApp));  // uncounted, as an instance on its way out
+  ASSERT_GE(stale, 0);
   ASSERT_TRUE(bystander.open());
   close(stale);
   for (const std::string &bytes :
