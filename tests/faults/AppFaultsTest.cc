@@ -9,7 +9,6 @@
 #include <velna_main_loop.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,10 +26,6 @@ using namespace testsupport;
 
 constexpr char kClient[] = "org.velna.test.faultclient";
 constexpr char kMetaKey[] = "http://velna.org/velna/metadata/talvo/";
-
-int OpenFds() {
-  return int(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
 
 // Every result callback's call, in call order, labelled with its request's label.
 struct Calls {

@@ -11,7 +11,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -164,10 +163,6 @@ void ExpectEcho(rpc_port_h port, const std::string &text) {
   EXPECT_EQ(ReadBundleValue(answer.get()), text + "-bundle");
 }
 
-int OpenDescriptors() {
-  return int(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
-
 std::string SocketPath(const char *app) { return SocketOf(RPC_PORT_SOCKET_KIND, app, kPortName); }
 
 static_assert(kFrameMagic == VELNA_FRAME_MAGIC, "the raw peer writes the channels' magic");
@@ -210,7 +205,7 @@ TEST_F(RpcPort, AppKilledMidConnectionDisconnectsWithoutLeakingDescriptors) {
   app_info_h info = nullptr;  // and so does the watch on the apps directory
   ASSERT_EQ(app_info_create(kEchoApp, &info), 0);
   app_info_destroy(info);
-  int before = OpenDescriptors();
+  int before = OpenFds();
   {
     Client c;
     ASSERT_TRUE(c.open());
@@ -235,7 +230,7 @@ TEST_F(RpcPort, AppKilledMidConnectionDisconnectsWithoutLeakingDescriptors) {
     RunLoopFor(100);
     EXPECT_EQ(c.disconnected + c.rejected, 1);
   }
-  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_EQ(OpenFds(), before);
 }
 
 TEST_F(RpcPort, ConnectRefusesInvalidIdsAndUnusableRuntimeDirsAtOnce) {

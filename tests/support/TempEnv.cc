@@ -20,6 +20,10 @@ bool IsRunning(const std::string &appId) {
   return running;
 }
 
+int OpenFds() {
+  return int(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
+
 TempEnv::TempEnv() {
   char tmpl[] = "/tmp/vt-XXXXXX";
   if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");

@@ -16,6 +16,8 @@ constexpr char kAliasApp[] = "org.velna.sample.aliascompanion";
 
 // Whether the registry counts appId as running (a failing query fails the test).
 bool IsRunning(const std::string &appId);
+// Descriptors this process holds now.
+int OpenFds();
 
 struct Manifest {
   std::string appId, package;
