@@ -1,6 +1,6 @@
 # Turns the raw lines of scripts/bench-report.sh into docs/perf/report.md.
 # Input: tab-separated "name median_us p99_us cpu_us extra" per file (the file's base name
-# is the run), and Google Benchmark CSV for the log lines.
+# is the run), and Google Benchmark CSV for the log lines and the channels' loop turn.
 function base(path) { sub(".*/", "", path); sub("\\.[a-z]+$", "", path); return path }
 function f(x, d) { return sprintf("%." (d == "" ? 1 : d) "f", x) }
 function ratio(a, b) { return b > 0 ? f(a / b, 2) "×" : "–" }
@@ -19,7 +19,7 @@ function rawscale(n,   rr, one) {
     ratio(med["scale", one], med["scale", "raw-scale-one-1"])
 }
 FNR == 1 { run = base(FILENAME) }
-run == "dlog" {
+run == "dlog" || run == "channels" {
   split($0, c, ","); gsub("\"", "", c[1]); ns[c[1]] = c[3]; nscpu[c[1]] = c[4]; next
 }
 {
@@ -93,6 +93,20 @@ END {
   print "| debug line filtered out at level info (wall, CPU) | " f(ns["BM_DlogFiltered"], 1) " ns, " f(nscpu["BM_DlogFiltered"], 1) " ns |"
   print "| info line printed to a file (wall, CPU) | " f(ns["BM_DlogPrinted"], 0) " ns, " f(nscpu["BM_DlogPrinted"], 0) " ns |"
   print ""
+
+  if ("BM_RawGLibTurn" in nscpu) {
+    print "## One loop turn carrying a 256-byte frame (one process, pinned)\n"
+    print "| channels connected | readiness | CPU per turn | × a plain GLib descriptor watch |"
+    print "|---|---|---|---|"
+    print "| plain GLib descriptor watch (floor) | – | " f(nscpu["BM_RawGLibTurn"], 0) " ns | 1.00× |"
+    split("1 4 16 256", pairs, " ")
+    for (k = 1; k <= 4; k++) {
+      n = "BM_ChannelTurn/" pairs[k]
+      print "| " 2 * pairs[k] " | " (2 * pairs[k] <= 8 ? "polled directly" : "epoll") " | " f(nscpu[n], 0) " ns | " \
+        ratio(nscpu[n], nscpu["BM_RawGLibTurn"]) " |"
+    }
+    print ""
+  }
 
   print "## Goals (pinned, level info unless said)\n"
   print "| goal | figure | |"

@@ -52,6 +52,9 @@ run_all() {
   step "log lines"
   "${pin[@]}" "$bin/logging/dlog-bench" --benchmark_format=csv 2>/dev/null |
     grep '^"BM_' >"$raw/dlog.csv"
+  step "loop turn of a channel"
+  "${pin[@]}" "$bin/channels/channel-bench" --benchmark_format=csv 2>/dev/null |
+    grep '^"BM_' >"$raw/channels.csv"
   # when, the commit measured, the load average at the end
   printf '%s|%s|%s\n' "$(date -u '+%Y-%m-%d %H:%M UTC')" \
     "$(git rev-parse --short HEAD 2>/dev/null || echo unknown)" \
@@ -65,7 +68,7 @@ IFS='|' read -r when commit load <"$raw/run"
 machine="$(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), Linux $(uname -r), load average at the end $load"
 awk -v machine="$machine" -v commit="$commit" -v core="$core" -v when="$when" \
   -f scripts/bench-report.awk "$raw"/pinned-info.tsv "$raw"/pinned-error.tsv \
-  "$raw"/unpinned-info.tsv "$raw"/big.tsv "$raw"/scale.tsv "$raw"/rss.tsv "$raw"/dlog.csv \
+  "$raw"/unpinned-info.tsv "$raw"/big.tsv "$raw"/scale.tsv "$raw"/rss.tsv "$raw"/dlog.csv "$raw"/channels.csv \
   >"$out/report.md"
 
 # Plot data: size, then microseconds per MiB of each series; apps, then the medians.

@@ -481,6 +481,51 @@ TEST(ChannelReadiness, AChannelClosedByAnotherHandlerInTheSameDispatchIsNeverSer
   EXPECT_TRUE(RunLoopUntil([&] { return freshServed; }, 10000));
 }
 
+// Few channels are polled beside the loop's own descriptors, many through one epoll
+// descriptor. Handlers cross that bound both ways in the middle of a dispatch.
+TEST(ChannelReadiness, ChannelsAreServedWhileHandlersCrossTheBoundOfDirectPollingBothWays) {
+  RunLoopFor(1);  // the main loop makes its own descriptors when it first runs
+  const int fdsBefore = OpenFds();
+  std::deque<ChannelPair> pairs(2), extra;
+  std::deque<Receiver> extraReceivers;
+  int extraServed = 0, secondServed = 0;
+  std::function<void()> onFirst;
+  Receiver first{[&](velna_channel *c) {
+    velna_channel_drop_frame(c);
+    onFirst();
+  }};
+  Receiver second{[&](velna_channel *c) { secondServed += velna_channel_drop_frame(c) == 0; }};
+  first.listen(pairs[0].in);
+  second.listen(pairs[1].in);
+
+  onFirst = [&] {  // 24 watches from 4, each new channel with a frame on its way
+    for (int i = 0; i < 10; i++) {
+      ChannelPair &p = extra.emplace_back();
+      extraReceivers.push_back({[&](velna_channel *c) { extraServed += velna_channel_drop_frame(c) == 0; }});
+      extraReceivers.back().listen(p.in);
+      velna_channel_send(p.out, "e", 1);
+    }
+  };
+  for (ChannelPair &p : pairs) ASSERT_EQ(velna_channel_send(p.out, "x", 1), 0);
+  ASSERT_TRUE(RunLoopUntil([&] { return secondServed == 1 && extraServed == 10; }, 10000))
+      << secondServed << " " << extraServed;
+
+  int servedAtClose = -1;
+  onFirst = [&] {  // back to 4 watches, with frames fetched for the closed ones
+    servedAtClose = extraServed;
+    extra.clear();
+  };
+  for (ChannelPair &p : extra) ASSERT_EQ(velna_channel_send(p.out, "y", 1), 0);
+  ASSERT_EQ(velna_channel_send(pairs[0].out, "x", 1), 0);
+  ASSERT_TRUE(RunLoopUntil([&] { return servedAtClose >= 0; }, 10000));
+  RunLoopFor(50);
+  EXPECT_EQ(extraServed, servedAtClose);
+
+  ASSERT_EQ(velna_channel_send(pairs[1].out, "x", 1), 0);
+  EXPECT_TRUE(RunLoopUntil([&] { return secondServed == 2; }, 10000));
+  EXPECT_EQ(OpenFds(), fdsBefore + 4);  // the four sockets; no epoll descriptor is left
+}
+
 TEST(ChannelReadiness, AHandlerThatRunsTheLoopStillGetsOtherChannelsServed) {
   ChannelPair outer, inner;
   bool innerServed = false, servedInside = false, finished = false;
