@@ -14,6 +14,7 @@
 
 #include "env_internal.h"
 #include "runtime_internal.h"
+#include "str_hash_internal.h"
 
 #include <app_info.h>
 #include <dlog.h>
@@ -343,7 +344,7 @@ static void cache_store(const char *path, const struct stat *st, manifest_box *b
 
         g_mutex_lock(&cache_lock);
         if (!cache)
-                cache = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, cache_entry_free);
+                cache = g_hash_table_new_full(velna_str_hash, g_str_equal, g_free, cache_entry_free);
         g_hash_table_replace(cache, g_strdup(path), e);
         g_mutex_unlock(&cache_lock);
 }

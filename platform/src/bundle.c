@@ -27,7 +27,7 @@
 struct keyval_t {
         struct keyval_t *prev;
         struct keyval_t *next;
-        char *key;
+        char *key;         /* in the entry's own allocation, right after it */
         int type;
         void *value;       /* basic types: the value (a string keeps its NUL); owned
                               unless borrowed */
@@ -41,7 +41,8 @@ struct keyval_t {
 struct _bundle_t {
         struct keyval_t *head;
         struct keyval_t *tail;
-        GHashTable *index; /* key (borrowed from the entry) -> entry */
+        GHashTable *index; /* key (borrowed from the entry) -> entry; NULL while the
+                              bundle is small enough to search its list */
         int count;
 };
 
@@ -62,7 +63,6 @@ static void entry_free(struct keyval_t *kv)
                 velna_str_buffer_release(kv->value);
         else if (!kv->borrowed)
                 free(kv->value);
-        free(kv->key);
         free(kv);
 }
 
@@ -71,9 +71,29 @@ static bool key_is_valid(const char *key)
         return key && *key && strnlen(key, BUNDLE_KEY_MAX + 1) <= BUNDLE_KEY_MAX;
 }
 
+/* A bundle gets a hash index once it holds this many entries. The bundles of a request
+ * and its answer hold a handful; comparing their keys costs less than hashing the key
+ * sought, and making and freeing the index would cost a bundle four allocations. */
+#define INDEX_FROM 16
+
 static struct keyval_t *entry_lookup(bundle *b, const char *key)
 {
-        return key ? g_hash_table_lookup(b->index, key) : NULL;
+        if (!key)
+                return NULL;
+        if (b->index)
+                return g_hash_table_lookup(b->index, key);
+        for (struct keyval_t *kv = b->head; kv; kv = kv->next) {
+                if (strcmp(kv->key, key) == 0)
+                        return kv;
+        }
+        return NULL;
+}
+
+static void index_build(bundle *b)
+{
+        b->index = g_hash_table_new(g_str_hash, g_str_equal);
+        for (struct keyval_t *kv = b->head; kv; kv = kv->next)
+                g_hash_table_insert(b->index, kv->key, kv);
 }
 
 /* Takes kv; the caller has made sure that its key is new. */
@@ -86,20 +106,19 @@ static void entry_append(bundle *b, struct keyval_t *kv)
         else
                 b->head = kv;
         b->tail = kv;
-        g_hash_table_insert(b->index, kv->key, kv);
         b->count++;
+        if (b->index)
+                g_hash_table_insert(b->index, kv->key, kv);
+        else if (b->count >= INDEX_FROM)
+                index_build(b);
 }
 
 static struct keyval_t *entry_new(const char *key, size_t key_len, int type)
 {
-        struct keyval_t *kv = calloc(1, sizeof(*kv));
+        struct keyval_t *kv = calloc(1, sizeof(*kv) + key_len + 1);
         if (!kv)
                 return NULL;
-        kv->key = malloc(key_len + 1);
-        if (!kv->key) {
-                free(kv);
-                return NULL;
-        }
+        kv->key = (char *)(kv + 1);
         memcpy(kv->key, key, key_len);
         kv->key[key_len] = '\0';
         kv->type = type;
@@ -346,11 +365,7 @@ static int decode(const unsigned char *raw, size_t len, bool view, bundle **out)
 
 bundle *bundle_create(void)
 {
-        bundle *b = calloc(1, sizeof(*b));
-        if (!b)
-                return NULL;
-        b->index = g_hash_table_new(g_str_hash, g_str_equal);
-        return b;
+        return calloc(1, sizeof(bundle));
 }
 
 int bundle_free(bundle *b)
@@ -358,7 +373,8 @@ int bundle_free(bundle *b)
         if (!b)
                 return -EINVAL;
 
-        g_hash_table_destroy(b->index);
+        if (b->index)
+                g_hash_table_destroy(b->index);
         struct keyval_t *kv = b->head;
         while (kv) {
                 struct keyval_t *next = kv->next;
@@ -508,7 +524,8 @@ int bundle_del(bundle *b, const char *key)
         if (!kv)
                 return -ENOENT;
 
-        g_hash_table_remove(b->index, key);
+        if (b->index)
+                g_hash_table_remove(b->index, key);
         if (kv->prev)
                 kv->prev->next = kv->next;
         else

@@ -30,6 +30,7 @@
 #include "channel_internal.h"
 #include "monitor_tap_internal.h"
 #include "runtime_internal.h"
+#include "str_hash_internal.h"
 
 #define LOG_TAG "VELNA"
 #define SOCKET_PATH_SIZE 108
@@ -387,7 +388,7 @@ static int dest_connect(const char *app_id, const char *port, const char *key,
         }
 
         if (!dests)
-                dests = g_hash_table_new_full(g_str_hash, g_str_equal, NULL, dest_free);
+                dests = g_hash_table_new_full(velna_str_hash, g_str_equal, NULL, dest_free);
         mp_dest *dest = calloc(1, sizeof *dest);
         char *k = strdup(key);
         if (!dests || !dest || !k) {

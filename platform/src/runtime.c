@@ -304,17 +304,20 @@ static bool socket_kind_is_valid(const char *kind)
         return true;
 }
 
-/* One pass over the id, no locale: it runs several times on every request. */
+/* The characters an app id may hold; a table, not the locale's classes: the check runs
+ * several times on every request. */
+static const bool app_id_char[256] = {
+        ['a' ... 'z'] = true, ['A' ... 'Z'] = true, ['0' ... '9'] = true,
+        ['.'] = true,         ['_'] = true,         ['-'] = true,
+};
+
 bool velna_app_id_is_valid(const char *app_id)
 {
         if (!app_id)
                 return false;
         size_t len = 0;
         for (; len < 256 && app_id[len]; len++) {
-                unsigned char c = (unsigned char)app_id[len];
-                bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                          (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
-                if (!ok)
+                if (!app_id_char[(unsigned char)app_id[len]])
                         return false;
         }
         if (len == 0 || len > 255)

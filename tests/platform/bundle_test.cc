@@ -140,6 +140,27 @@ TEST(Bundle, KeepsInsertionOrderAndReportsExistingMissingAndBadKeysAndWrongTypes
   EXPECT_EQ(BUNDLE_TYPE_STR_ARRAY, bundle_get_type(b.get(), "list"));
 }
 
+// A big bundle looks its keys up through an index, which must follow every change.
+TEST(Bundle, ManyKeysAreEachFoundRefusedTwiceAndDeletedAndDecodedAsAFewAre) {
+  BundlePtr b(bundle_create());
+  auto key = [](int i) { return "key" + std::to_string(i); };
+  for (int i = 0; i < 40; i++) ASSERT_EQ(0, bundle_add_str(b.get(), key(i).c_str(), std::to_string(i).c_str()));
+  EXPECT_EQ(-17, bundle_add_str(b.get(), "key3", "again"));
+  EXPECT_EQ(-17, bundle_add_str(b.get(), "key39", "again"));
+  ASSERT_EQ(0, bundle_del(b.get(), "key7"));
+  EXPECT_EQ(-2, bundle_del(b.get(), "key7"));
+  ASSERT_EQ(0, bundle_add_str(b.get(), "key7", "back"));
+  EXPECT_EQ(40, bundle_get_count(b.get()));
+  for (int i = 0; i < 40; i++) {
+    char *value = nullptr;
+    ASSERT_EQ(0, bundle_get_str(b.get(), key(i).c_str(), &value)) << i;
+    EXPECT_EQ(i == 7 ? "back" : std::to_string(i), value);
+  }
+  BundlePtr out;
+  ASSERT_EQ(0, Decode(Encode(b.get()), &out));
+  EXPECT_EQ(Entries(b.get()), Entries(out.get()));
+}
+
 TEST(BundleCodec, RoundTripKeepsEveryEntryTypeOrderAndSize) {
   for (const BundlePtr &src : {Sample(), Make()}) {
     BundlePtr out;
