@@ -16,6 +16,7 @@
 
 #include <errno.h>
 #include <glib.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -31,6 +32,7 @@ struct keyval_t {
         int type;
         void *value;       /* basic types: the value (a string keeps its NUL); owned
                               unless borrowed */
+        bool inline_value; /* value is in the entry's own allocation, after the key */
         bool borrowed;     /* value points into a decoded buffer that outlives the bundle */
         bool str_buffer;   /* value is a string buffer taken over (bundle_str_buffer.c) */
         size_t size;       /* basic types: bytes of value, a string's NUL included */
@@ -61,7 +63,7 @@ static void entry_free(struct keyval_t *kv)
         free(kv->items);
         if (kv->str_buffer)
                 velna_str_buffer_release(kv->value);
-        else if (!kv->borrowed)
+        else if (!kv->borrowed && !kv->inline_value)
                 free(kv->value);
         free(kv);
 }
@@ -113,39 +115,46 @@ static void entry_append(bundle *b, struct keyval_t *kv)
                 index_build(b);
 }
 
-static struct keyval_t *entry_new(const char *key, size_t key_len, int type)
+/* An entry in one allocation with its key and, when bytes is given, its value: size
+ * bytes with a zero after them (so that a string stays terminated), counted as stored.
+ * The value starts aligned as malloc would align it, for callers that read it in place. */
+static struct keyval_t *entry_make(const char *key, size_t key_len, int type, const void *bytes,
+                                   size_t size, size_t stored)
 {
-        struct keyval_t *kv = calloc(1, sizeof(*kv) + key_len + 1);
+        const size_t align = _Alignof(max_align_t);
+        size_t value_at = (sizeof(struct keyval_t) + key_len + 1 + align - 1) / align * align;
+        size_t total = bytes ? value_at + size + 1 : sizeof(struct keyval_t) + key_len + 1;
+        if (bytes && size >= SIZE_MAX - value_at)
+                return NULL;
+        struct keyval_t *kv = malloc(total);
         if (!kv)
                 return NULL;
-        kv->key = (char *)(kv + 1);
+        *kv = (struct keyval_t){ .key = (char *)(kv + 1), .type = type };
         memcpy(kv->key, key, key_len);
         kv->key[key_len] = '\0';
-        kv->type = type;
+        if (bytes) {
+                kv->value = (char *)kv + value_at;
+                if (size)
+                        memcpy(kv->value, bytes, size);
+                ((char *)kv->value)[size] = '\0';
+                kv->size = stored;
+                kv->inline_value = true;
+        }
         return kv;
 }
 
-/* Value of size bytes, with a zero after it (so that a string stays terminated). */
-static int entry_set_value(struct keyval_t *kv, const void *bytes, size_t size, size_t stored)
+static struct keyval_t *entry_new(const char *key, size_t key_len, int type)
 {
-        kv->value = malloc(size + 1);
-        if (!kv->value)
-                return -ENOMEM;
-        if (size)
-                memcpy(kv->value, bytes, size);
-        ((char *)kv->value)[size] = '\0';
-        kv->size = stored;
-        return 0;
+        return entry_make(key, key_len, type, NULL, 0, 0);
 }
 
 /* A byte value that stays in the decoded buffer, which bundle_decode_view's caller
  * keeps alive (and writable) for as long as the bundle. */
-static int entry_borrow_value(struct keyval_t *kv, const unsigned char *bytes, size_t size)
+static void entry_borrow_value(struct keyval_t *kv, const unsigned char *bytes, size_t size)
 {
         kv->value = (void *)bytes;
         kv->size = size;
         kv->borrowed = true;
-        return 0;
 }
 
 static int entry_alloc_items(struct keyval_t *kv, size_t count)
@@ -165,22 +174,19 @@ static int add_basic(bundle *b, const char *key, int type, const void *bytes, si
         if (entry_lookup(b, key))
                 return -EEXIST;
 
-        struct keyval_t *kv = entry_new(key, strlen(key), type);
-        if (!kv || entry_set_value(kv, bytes, size, stored) < 0) {
-                entry_free(kv);
+        struct keyval_t *kv = entry_make(key, strlen(key), type, bytes, size, stored);
+        if (!kv)
                 return -ENOMEM;
-        }
         entry_append(b, kv);
         return 0;
 }
 
 static struct keyval_t *entry_dup(const struct keyval_t *src)
 {
-        struct keyval_t *kv = entry_new(src->key, strlen(src->key), src->type);
+        struct keyval_t *kv = entry_make(src->key, strlen(src->key), src->type, src->value,
+                                         src->size, src->size);
         if (!kv)
                 return NULL;
-        if (src->value && entry_set_value(kv, src->value, src->size, src->size) < 0)
-                goto fail;
         if (src->items) {
                 if (entry_alloc_items(kv, src->count) < 0)
                         goto fail;
@@ -306,24 +312,29 @@ static int decode_entry(reader *r, bundle *b, bool view)
         if (type != BUNDLE_TYPE_STR && type != BUNDLE_TYPE_BYTE && type != BUNDLE_TYPE_STR_ARRAY)
                 return -EINVAL;
 
-        struct keyval_t *kv = entry_new((const char *)key, key_len, (int)type);
+        struct keyval_t *kv;
+        int res = 0;
+        if (type == BUNDLE_TYPE_STR_ARRAY) {
+                kv = entry_new((const char *)key, key_len, (int)type);
+                if (kv)
+                        res = decode_items(r, kv);
+        } else if (type == BUNDLE_TYPE_STR) {
+                if (!get_string(r, &value, &len))
+                        return -EINVAL;
+                kv = entry_make((const char *)key, key_len, (int)type, value, len, len + 1);
+        } else {
+                if (!get_blob(r, &value, &len))
+                        return -EINVAL;
+                bool borrow = view && len >= BUNDLE_VIEW_MIN;
+                kv = borrow ? entry_new((const char *)key, key_len, (int)type)
+                            : entry_make((const char *)key, key_len, (int)type, value, len, len);
+                if (kv && borrow)
+                        entry_borrow_value(kv, value, len);
+        }
         if (!kv)
                 return -ENOMEM;
-        int res = -EINVAL;
-        if (entry_lookup(b, kv->key))
-                goto fail;
-
-        if (type == BUNDLE_TYPE_STR_ARRAY)
-                res = decode_items(r, kv);
-        else if (type == BUNDLE_TYPE_STR)
-                res = get_string(r, &value, &len) ? entry_set_value(kv, value, len, len + 1)
-                                                  : -EINVAL;
-        else if (!get_blob(r, &value, &len))
+        if (res == 0 && entry_lookup(b, kv->key))
                 res = -EINVAL;
-        else if (view && len >= BUNDLE_VIEW_MIN)
-                res = entry_borrow_value(kv, value, len);
-        else
-                res = entry_set_value(kv, value, len, len);
         if (res < 0)
                 goto fail;
 

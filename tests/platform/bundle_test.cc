@@ -156,9 +156,17 @@ TEST(Bundle, ManyKeysAreEachFoundRefusedTwiceAndDeletedAndDecodedAsAFewAre) {
     ASSERT_EQ(0, bundle_get_str(b.get(), key(i).c_str(), &value)) << i;
     EXPECT_EQ(i == 7 ? "back" : std::to_string(i), value);
   }
+  const double d = 0.5;  // a byte value may be read in place as any type, as from malloc
+  ASSERT_EQ(0, bundle_add_byte(b.get(), "k", &d, sizeof d));
   BundlePtr out;
   ASSERT_EQ(0, Decode(Encode(b.get()), &out));
   EXPECT_EQ(Entries(b.get()), Entries(out.get()));
+  for (bundle *each : {b.get(), out.get()}) {
+    void *bytes = nullptr;
+    size_t size = 0;
+    ASSERT_EQ(0, bundle_get_byte(each, "k", &bytes, &size));
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(bytes) % alignof(std::max_align_t), 0u);
+  }
 }
 
 TEST(BundleCodec, RoundTripKeepsEveryEntryTypeOrderAndSize) {
