@@ -10,8 +10,8 @@
 # and each figure is the median of its rounds: one run on a shared virtual machine moves
 # by more than the changes being weighed.
 # Environment: BUILD_DIR (default build-release), REPORT_DIR (default docs/perf),
-# BENCH_MAX_APPS (default 500), BENCH_ROUNDS (default 5). With --from-raw, nothing runs: the report and the plots are
-# written again from the raw lines of the last run.
+# BENCH_MAX_APPS (default 500), BENCH_ROUNDS (default 5). With --from-raw, nothing runs:
+# the report and the plots are written again from the raw lines of the last run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${BUILD_DIR:-build-release}

@@ -13,6 +13,7 @@
 
 #include "bundle_str_buffer_internal.h"
 #include "byteorder_internal.h"
+#include "str_hash_internal.h"
 
 #include <errno.h>
 #include <glib.h>
@@ -93,7 +94,7 @@ static struct keyval_t *entry_lookup(bundle *b, const char *key)
 
 static void index_build(bundle *b)
 {
-        b->index = g_hash_table_new(g_str_hash, g_str_equal);
+        b->index = g_hash_table_new(velna_str_hash, g_str_equal);
         for (struct keyval_t *kv = b->head; kv; kv = kv->next)
                 g_hash_table_insert(b->index, kv->key, kv);
 }
